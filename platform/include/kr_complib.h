@@ -89,7 +89,7 @@ typedef struct cl_map_item {
     struct cl_map_item *next;
     uint64_t key;
     uint32_t color;
-    uint32_t reserved;
+    uint32_t reserved; /* tells the item's map; not 0 while the item is in one */
 } cl_map_item_t;
 
 typedef struct cl_qmap {
@@ -115,7 +115,10 @@ cl_map_item_t *cl_qmap_get(const cl_qmap_t *map, uint64_t key);
 /* Returns the first item whose key is not below `key`, or cl_qmap_end(map). */
 cl_map_item_t *cl_qmap_get_not_below(const cl_qmap_t *map, uint64_t key);
 
-/* Removes an item that is in this map; the end marker is ignored. */
+/*
+ * Removes an item that is in this map. NULL, the end marker, an item of another map and one that was removed already
+ * (also by cl_qmap_remove_all) are ignored, whatever is stored under their keys. The memory has to be an item still.
+ */
 void cl_qmap_remove_item(cl_qmap_t *map, cl_map_item_t *item);
 
 /* Removes the item under `key` and returns it, or cl_qmap_end(map). */
@@ -274,9 +277,7 @@ static inline void cl_plock_release(cl_plock_t *lock) {
 /* ---- event ----------------------------------------------------------------------------------------------------- */
 
 typedef struct cl_event {
-    pthread_mutex_t mutex;
-    pthread_cond_t condition; /* on the monotonic clock */
-    uint32_t signaled;
+    uint32_t word; /* lowest bit: signalled; the rest: how many wait */
     uint32_t manual_reset;
     uint32_t state;
 } cl_event_t;
