@@ -79,8 +79,14 @@ KR_PSORT_ASSERT(sizeof(psort_entry) == 16 && offsetof(psort_entry, index) == 12,
 #endif
 
 /*
+ * The thresholds, exactly, for `count` entries of `table_size`: almost full is notified by the add that makes
+ * count * 100 >= table_size * almost_full_percent true, almost empty by the delete that makes
+ * count * 100 <= table_size * almost_empty_percent true; each fires again only after it has become false in between.
+ * So 100 and 0 mean full and empty. They are notified once the entry is in or out, and what the callback answers to
+ * them is not looked at. A clear notifies nothing.
+ *
  * Creates an empty table and writes its handle. Fails with PARAM_NULL, PARAM_ERROR (size 0, no callback, priorities or
- * thresholds reversed) or NO_MEMORY; *handle is then unchanged.
+ * thresholds reversed, a threshold above 100) or NO_MEMORY; *handle is then unchanged.
  */
 kr_utils_status psort_init(psort_handle *handle, const psort_table_attributes *attributes);
 

@@ -1,0 +1,219 @@
+/*
+ * Random operations on pSort tables of many sizes and priority distributions, with an owner that checks the order, the
+ * destinations and the loss of entries after every single notification. The seed is printed with each failure; set
+ * KR_TEST_SEED to run another one.
+ */
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "placement_owner.h"
+
+namespace {
+
+using kr_test::placement_owner;
+
+uint64_t seed() {
+    const char *const text = std::getenv("KR_TEST_SEED");
+    return text == nullptr ? 20240611 : std::strtoull(text, nullptr, 0);
+}
+
+// Draws the priorities of one trace.
+struct priority_source {
+    const char *name;
+    uint32_t (*draw)(std::mt19937_64 &random, uint64_t step);
+};
+
+constexpr priority_source priority_sources[] = {
+    {"anything", [](std::mt19937_64 &random, uint64_t) { return static_cast<uint32_t>(random() % 65536); }},
+    {"one level", [](std::mt19937_64 &, uint64_t) { return 100U; }},
+    {"two levels at the ends", [](std::mt19937_64 &random, uint64_t) { return random() % 2 == 0 ? 0U : 65535U; }},
+    {"five levels", [](std::mt19937_64 &random, uint64_t) { return static_cast<uint32_t>(random() % 5 * 1000); }},
+    {"levels of very unequal size",
+     [](std::mt19937_64 &random, uint64_t) {
+         const uint64_t drawn = random() % 8100;
+         uint32_t root = 0;
+         while (uint64_t{root + 1} * (root + 1) <= drawn) {
+             ++root;
+         }
+         return 20000 + root;
+     }},
+    {"ascending", [](std::mt19937_64 &, uint64_t step) { return static_cast<uint32_t>(step % 65536); }},
+    {"descending", [](std::mt19937_64 &, uint64_t step) { return static_cast<uint32_t>(65535 - step % 65536); }},
+    {"towards the middle",
+     [](std::mt19937_64 &, uint64_t step) {
+         return static_cast<uint32_t>(step % 2 == 0 ? step % 32768 : 65535 - step % 32768);
+     }},
+    {"dense batches", [](std::mt19937_64 &random,
+                         uint64_t step) { return static_cast<uint32_t>((step / 20 * 7919 % 65000) + random() % 40); }},
+};
+
+class placement_property : public testing::TestWithParam<std::tuple<uint32_t, priority_source>> {
+  protected:
+    placement_property() : size(std::get<0>(GetParam())), owner(size), random(seed() + size) {
+        psort_table_attributes attributes = owner.attributes();
+        EXPECT_EQ(psort_init(&handle, &attributes), KR_UTILS_STATUS_SUCCESS);
+        RecordProperty("seed", std::to_string(seed()));
+    }
+
+    kr_utils_status add(uint64_t key) {
+        psort_entry entry = {key, std::get<1>(GetParam()).draw(random, key), UINT32_MAX};
+        const kr_utils_status status = psort_entry_set(handle, PSORT_CMD_ADD, &entry);
+        if (status == KR_UTILS_STATUS_SUCCESS) {
+            owner.added(entry);
+            keys.push_back(key);
+        }
+        return status;
+    }
+
+    void remove_any() {
+        const size_t index = random() % keys.size();
+        psort_entry entry = {keys[index], 0, 0};
+        owner.forget_shifts();
+        ASSERT_EQ(psort_entry_set(handle, PSORT_CMD_DELETE, &entry), KR_UTILS_STATUS_SUCCESS);
+        ASSERT_TRUE(owner.last_shifts().empty()) << "a delete moved something";
+        owner.deleted(keys[index]);
+        keys[index] = keys.back();
+        keys.pop_back();
+    }
+
+    kr_utils_status work(uint32_t *finished) {
+        owner.forget_shifts();
+        const kr_utils_status status = psort_background_worker(handle, finished);
+        EXPECT_LE(owner.last_shifts().size(), 1U) << "a background step is one shift at most";
+        return status;
+    }
+
+    uint32_t size;
+    placement_owner owner;
+    std::mt19937_64 random;
+    psort_handle handle = nullptr;
+    std::vector<uint64_t> keys;
+    uint64_t next_key = 1;
+};
+
+// Every add below the size succeeds, the next one is refused, and all is where it should be, right up to the last slot.
+TEST_P(placement_property, fills_to_the_last_slot) {
+    while (keys.size() < size) {
+        ASSERT_EQ(add(next_key++), KR_UTILS_STATUS_SUCCESS) << "seed " << seed();
+        ASSERT_EQ(owner.complaints(), "") << "seed " << seed() << ", entry " << keys.size();
+    }
+    EXPECT_EQ(add(next_key), KR_UTILS_STATUS_NO_RESOURCES);
+    EXPECT_EQ(owner.check_all(), "") << "seed " << seed();
+    EXPECT_EQ(owner.count(), size);
+}
+
+TEST_P(placement_property, holds_over_adds_deletes_background_steps_and_clears) {
+    const uint32_t steps = size <= 1000 ? 4000 : 6000;
+    uint64_t aim = size; // the random walk is pulled to occupancies all over the range
+    for (uint32_t step = 0; step < steps; ++step) {
+        if (step % 500 == 0) {
+            aim = step % 1000 == 0 ? size : random() % (size + 1);
+        }
+        const uint64_t what = random() % 100;
+        if (what < 3) {
+            uint32_t finished = 0;
+            ASSERT_EQ(work(&finished), KR_UTILS_STATUS_SUCCESS);
+        } else if (what == 99 && random() % 20 == 0) {
+            ASSERT_EQ(psort_clear_table(handle), KR_UTILS_STATUS_SUCCESS);
+            owner.cleared();
+            keys.clear();
+        } else if (!keys.empty() && (keys.size() >= aim ? what < 60 : what < 30)) {
+            remove_any();
+        } else {
+            const kr_utils_status expected =
+                keys.size() == size ? KR_UTILS_STATUS_NO_RESOURCES : KR_UTILS_STATUS_SUCCESS;
+            ASSERT_EQ(add(next_key++), expected);
+        }
+        ASSERT_EQ(owner.complaints(), "") << "seed " << seed() << ", step " << step;
+        ASSERT_EQ(owner.count(), keys.size());
+    }
+    EXPECT_EQ(owner.check_all(), "") << "seed " << seed();
+}
+
+// Shifts fail at random points of plans: the call fails with that very status, the entry is out, the rest is intact.
+TEST_P(placement_property, survives_notifications_that_fail_anywhere) {
+    const uint32_t steps = size <= 1000 ? 3000 : 1500;
+    for (uint32_t filled = 0; filled < size && size <= 6000 && filled < size * 9 / 10; ++filled) {
+        ASSERT_EQ(add(next_key++), KR_UTILS_STATUS_SUCCESS);
+    }
+    for (uint32_t step = 0; step < steps; ++step) {
+        const bool arm = random() % 2 == 0;
+        if (arm) {
+            owner.fail_shifts_after(random() % 3, 100 + step);
+        }
+        const uint64_t failures = owner.failed_calls();
+        const uint64_t what = random() % 100;
+        kr_utils_status status = KR_UTILS_STATUS_SUCCESS;
+        if (what < 10) {
+            uint32_t finished = 2;
+            status = work(&finished);
+            ASSERT_TRUE(finished == 0 || (finished == 1 && status == KR_UTILS_STATUS_SUCCESS));
+        } else if (!keys.empty() && (keys.size() == size || what < 45)) {
+            remove_any();
+        } else {
+            status = add(next_key++);
+            ASSERT_EQ(status == KR_UTILS_STATUS_SUCCESS, owner.has(next_key - 1));
+        }
+        ASSERT_EQ(status, owner.failed_calls() == failures ? 0U : 100 + step);
+        owner.heal();
+        ASSERT_LE(owner.failed_calls(), failures + 1) << "the library went on after a failure";
+        ASSERT_EQ(owner.complaints(), "") << "seed " << seed() << ", step " << step;
+    }
+    // The library and its owner agree on what there is: each key can be deleted once, and then nothing is left.
+    EXPECT_EQ(owner.check_all(), "") << "seed " << seed();
+    while (!keys.empty()) {
+        remove_any();
+    }
+    EXPECT_EQ(owner.check_all(), "");
+}
+
+// From any state the background steps come to an end, within a bound, and the end is an end.
+TEST_P(placement_property, background_steps_finish_and_stay_finished) {
+    const uint32_t fills[] = {0, 1, size / 3, size / 2, size - size / 10, size - 1, size};
+    for (uint32_t fill : fills) {
+        while (keys.size() < fill) {
+            ASSERT_EQ(add(next_key++), KR_UTILS_STATUS_SUCCESS);
+        }
+        for (uint32_t gone = 0; gone < fill / 20 && size <= 6000; ++gone) {
+            remove_any();
+        }
+        uint32_t finished = 0;
+        uint64_t steps = 0;
+        const uint64_t bound = 4 * uint64_t{size} + 16;
+        while (finished == 0) {
+            ASSERT_EQ(work(&finished), KR_UTILS_STATUS_SUCCESS);
+            ASSERT_EQ(owner.complaints(), "") << "seed " << seed();
+            ASSERT_LE(++steps, bound) << "no end in sight; seed " << seed() << ", fill " << fill;
+        }
+        const auto layout = owner.layout();
+        for (int again = 0; again < 3; ++again) {
+            ASSERT_EQ(work(&finished), KR_UTILS_STATUS_SUCCESS);
+            ASSERT_EQ(finished, 1U);
+        }
+        EXPECT_EQ(owner.layout(), layout);
+    }
+    EXPECT_EQ(owner.check_all(), "");
+}
+
+std::string name_of(const testing::TestParamInfo<placement_property::ParamType> &info) {
+    std::string name = std::to_string(std::get<0>(info.param)) + "_" + std::get<1>(info.param).name;
+    for (char &letter : name) {
+        letter = letter == ' ' ? '_' : letter;
+    }
+    return name;
+}
+
+INSTANTIATE_TEST_SUITE_P(small, placement_property,
+                         testing::Combine(testing::Values(1U, 2U, 3U, 4U, 5U, 8U, 15U, 63U, 64U, 65U),
+                                          testing::ValuesIn(priority_sources)),
+                         name_of);
+INSTANTIATE_TEST_SUITE_P(flow_table, placement_property,
+                         testing::Combine(testing::Values(1000U), testing::ValuesIn(priority_sources)), name_of);
+INSTANTIATE_TEST_SUITE_P(large, placement_property,
+                         testing::Combine(testing::Values(6000U), testing::ValuesIn(priority_sources)), name_of);
+
+} // namespace
