@@ -1,11 +1,13 @@
 /*
- * What the data plane asks the ACL resource manager for each frame: which rule wins, and who is in a group.
+ * What the rest of the platform asks the ACL resource manager: for each frame which rule wins and who is in a group,
+ * and for control what there is.
  */
 #ifndef KR_SOFT_ACL_LOOKUP_H
 #define KR_SOFT_ACL_LOOKUP_H
 
 #include <array>
 #include <cstdint>
+#include <cstdio>
 
 #include "control/kr_soft.h"
 #include "kr_acl_rm.h"
@@ -42,6 +44,16 @@ bool acl_group_members_get(uint32_t group_id, group_members *members);
 
 // Back to a fresh resource manager; part of kr_soft_reset. Handles that were open become invalid.
 void acl_rm_reset();
+
+// What kr_soft_rules_get and kr_soft_acls_get return.
+kr_status acl_rm_rules_get(uint32_t acl_id, kr_soft_rule_state *rules, uint32_t *count);
+kr_status acl_rm_acls_get(uint32_t *acl_ids, uint32_t *count);
+
+// Fills the resource manager's fields of the usage record.
+void acl_rm_usage_fill(kr_soft_usage *usage);
+
+// Writes ACLs with their bindings and rules, and groups, for a person.
+void acl_rm_dump(FILE *stream);
 
 } // namespace kr_soft
 

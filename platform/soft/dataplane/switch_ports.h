@@ -5,7 +5,9 @@
 #define KR_SOFT_SWITCH_PORTS_H
 
 #include <cstdint>
+#include <cstdio>
 
+#include "control/kr_soft.h"
 #include "kr_status.h"
 
 namespace kr_soft {
@@ -27,6 +29,10 @@ kr_status port_transmit(uint32_t log_port, const void *frame, uint32_t size);
 
 // Stops the data plane's thread and removes every port; part of kr_soft_reset.
 void dataplane_reset();
+
+// Fills port_count; writes ports and drop counts for a person.
+void dataplane_usage_fill(kr_soft_usage *usage);
+void dataplane_dump(FILE *stream);
 
 } // namespace kr_soft
 

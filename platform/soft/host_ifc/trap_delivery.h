@@ -5,6 +5,9 @@
 #define KR_SOFT_TRAP_DELIVERY_H
 
 #include <cstdint>
+#include <cstdio>
+
+#include "control/kr_soft.h"
 
 namespace kr_soft {
 
@@ -25,6 +28,10 @@ void drop_count_add(uint32_t reason);
 
 // Closes every descriptor and device handle; part of kr_soft_reset.
 void host_ifc_reset();
+
+// Fills descriptor_count and device_handle_count; writes descriptors and their registrations for a person.
+void host_ifc_usage_fill(kr_soft_usage *usage);
+void host_ifc_dump(FILE *stream);
 
 } // namespace kr_soft
 
