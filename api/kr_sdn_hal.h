@@ -14,6 +14,7 @@
 #ifndef KR_SDN_HAL_H
 #define KR_SDN_HAL_H
 
+#include <stddef.h>
 #include <stdint.h>
 #include <sys/time.h>
 
@@ -21,6 +22,24 @@
 #include "kr_host_ifc.h"
 
 #define KR_SDN_HAL_API __attribute__((visibility("default")))
+
+/* No exception leaves the library. */
+#ifdef __cplusplus
+#define KR_SDN_HAL_NOEXCEPT noexcept
+#else
+#define KR_SDN_HAL_NOEXCEPT
+#endif
+
+/* Checks the layout of a record: `at` and `size` are bytes. */
+#ifdef __cplusplus
+#define KR_SDN_HAL_FIELD(record, field, at, size)                                                                      \
+    static_assert(offsetof(record, field) == (at) && sizeof(((record *)0)->field) == (size), #record "." #field)
+#define KR_SDN_HAL_SIZE(record, size) static_assert(sizeof(record) == (size), #record)
+#else
+#define KR_SDN_HAL_FIELD(record, field, at, size)                                                                      \
+    _Static_assert(offsetof(record, field) == (at) && sizeof(((record *)0)->field) == (size), #record "." #field)
+#define KR_SDN_HAL_SIZE(record, size) _Static_assert(sizeof(record) == (size), #record)
+#endif
 
 #ifdef __cplusplus
 extern "C" {
@@ -50,6 +69,22 @@ enum {
 
 /* ---- life cycle ------------------------------------------------------------------------------------------------ */
 
+/*
+ * The stages: loaded, initialised (modules ready, connector and port plug-in loaded), started (the switch is open).
+ * init leads to the second; the connector's start event leads to the third and its stop event back. The connector's
+ * stop is refused while ports exist. A process gets from loaded to initialised once: deinit does not lead back.
+ *
+ * The functions of this section take no lock: call init, activate and deinit from one thread, one at a time.
+ *
+ * Signals: the library waits in select, read and write, and on an event, and does not repeat a wait that a signal
+ * handler interrupted; the thread that receives control frames even ends when that happens to it. Block the signals
+ * that the process handles in the threads that call this library and in those of the connector, and take them in a
+ * thread of their own. Closing one end of a channel's pipe behind the library's back raises SIGPIPE.
+ *
+ * A switch that is stopped and started again has no background thread that tidies its flow table any more: flows work
+ * as before, but the table is not compacted while it is idle.
+ */
+
 enum { KR_SDN_HAL_PATH_SIZE = 128 };
 
 /* Which plug-ins to load. Both paths are NUL-terminated and handed to the dynamic loader as they are. */
@@ -57,6 +92,8 @@ typedef struct system_profile {
     char connector_library_path[KR_SDN_HAL_PATH_SIZE];
     char fpt_library_path[KR_SDN_HAL_PATH_SIZE];
 } system_profile;
+KR_SDN_HAL_FIELD(system_profile, connector_library_path, 0, 128);
+KR_SDN_HAL_FIELD(system_profile, fpt_library_path, 128, 128);
 
 /* Receives finished log messages: severity mask (1 error, 3 warning, 15 notice, 31 debug, 63 trace), module, text. The
  * strings are valid during the call only. Called from any thread, also from several at once. */
@@ -67,14 +104,95 @@ typedef struct capabilities {
     uint16_t frame_size; /* bytes: 0 or 1500 */
     uint16_t reserved;   /* free for the client: kept and given back */
 } capabilities;
+KR_SDN_HAL_FIELD(capabilities, mode, 0, 4);
+KR_SDN_HAL_FIELD(capabilities, frame_size, 4, 2);
+KR_SDN_HAL_FIELD(capabilities, reserved, 6, 2);
+KR_SDN_HAL_SIZE(capabilities, 8);
 
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_init(const system_profile *profile, kr_sdn_hal_log_callback log_callback);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_activate(void);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_deinit(void);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_capabilities_set(const capabilities *cap);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_capabilities_get(capabilities *cap);
-__attribute__((format(printf, 3, 4))) KR_SDN_HAL_API kr_sdn_hal_status
-kr_sdn_hal_log(uint32_t severity, const char *module, const char *format, ...);
+/*
+ * Brings the library up: loads the connector and the port plug-in and makes every module ready. The switch itself is
+ * opened later, by the connector's start event.
+ *
+ * profile       in: the plug-ins; read during the call only.
+ * log_callback  in: receives the log of the library and of the platform until deinit; NULL: the connector's conn_log
+ *               does. It must stay callable as long as the process uses the library.
+ *
+ * SUCCESS        the library is initialised.
+ * PARAM_NULL     profile is NULL; nothing was changed, nothing logged.
+ * ERROR          the library is or was initialised in this process: nothing was changed. Or the connector could not be
+ *                loaded (the reason is on standard error): nothing was changed. Or a module could not be brought up.
+ * any other      what the connector, the port plug-in or a module answered.
+ *
+ * When a module cannot be brought up, those before it are taken down again in reverse order; only the connector
+ * library stays loaded, and the logger stays initialised. Init may then be tried again, which loads the connector and
+ * calls its conn_init anew.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_init(const system_profile *profile,
+                                                 kr_sdn_hal_log_callback log_callback) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Tells the connector that the client is ready: channels are open and registered, events may come.
+ *
+ * SUCCESS          the connector was told; it starts the switch when it sees fit.
+ * NOT_INITIALIZED  no connector is loaded; nothing was changed.
+ * any other        what the connector answered.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_activate(void) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Takes the library down, after the connector's stop event; it does not stop a started switch itself. Close the
+ * channels before: afterwards they cannot be closed any more.
+ *
+ * SUCCESS          every module is down and the logger is closed. Plug-in libraries and the port database stay as they
+ *                  are, and a later init is refused.
+ * NOT_INITIALIZED  the library is not initialised, or already taken down; nothing was changed.
+ * ERROR            a module could not be taken down; the switch may still be started.
+ * any other        what the connector, the port plug-in or a module answered.
+ *
+ * Deinit ends at the first step that fails and does not take it back: what comes after stays up.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_deinit(void) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Stores the capabilities record. The start of the switch sets mode to 0 and frame_size to 1500 in it.
+ *
+ * cap  in: mode 0, frame_size 0 or 1500 bytes, reserved as you like.
+ *
+ * SUCCESS      the record was stored.
+ * PARAM_NULL   cap is NULL; nothing was changed.
+ * PARAM_ERROR  mode or frame_size is another value; nothing was changed.
+ *
+ * May be called in any stage and from any thread; a get meanwhile may see one field new and the next one old.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_capabilities_set(const capabilities *cap) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Reads the capabilities record; all zero before the first set and the first start.
+ *
+ * cap  out: the record.
+ *
+ * SUCCESS     *cap was written.
+ * PARAM_NULL  cap is NULL.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_capabilities_get(capabilities *cap) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Sends a line of the client's own to the connector's conn_log. It does not pass the logger or any verbosity.
+ *
+ * severity  in: a severity mask, handed on as it is.
+ * module    in: the name of the part that speaks.
+ * format    in: as for printf; a text of more than 255 bytes is cut to 255.
+ *
+ * SUCCESS     the line was handed over, or dropped because the library is not initialised yet.
+ * PARAM_NULL  module or format is NULL; nothing was handed over.
+ *
+ * May be called from any thread.
+ */
+/* clang-format off */
+__attribute__((format(printf, 3, 4)))
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_log(uint32_t severity, const char *module, const char *format,
+                                                ...) KR_SDN_HAL_NOEXCEPT;
+/* clang-format on */
 
 /* ---- verbosity ------------------------------------------------------------------------------------------------- */
 
@@ -91,7 +209,30 @@ KR_SDN_HAL_API extern int32_t kr_HAL_UTILS_verb_level;
 
 /* ---- event channels -------------------------------------------------------------------------------------------- */
 
-/* A client's event channel. The client owns the memory; its fields are the library's between open and close. */
+/*
+ * A channel has two sources: a pipe, through which the library sends its own events (types 0 to 3, 5 to 9, and 11 for
+ * control frames), and a host-interface descriptor of the switch for types 4, 10 and 11. The switch has to be started
+ * for the second: a channel that was opened before gains its descriptor with the first registration or packet that
+ * follows the start. Wait for EVENT_GENERAL_READY, then register for types 4, 10 and 11.
+ *
+ * A registered client has to read. The pipe is the only buffer of the library's events (16 records on Linux); once it
+ * is full, the thread that produces the next event waits until the client reads, and with it the connector, the thread
+ * of control frames, every other channel, and whoever registers, unregisters or closes a channel. Only reading helps.
+ *
+ * A client that hears of a port's removal has to acknowledge it (kr_sdn_hal_srvc_event_ack). Until some client does,
+ * the port stays, and the connector's event thread waits, without a limit. With no channel registered for
+ * EVENT_PORT_CAPABILITIES_UPDATE nobody hears of it, and the connector waits as well.
+ *
+ * Threads: all functions may be called from any thread. One channel is read by one thread at a time, is set up (opened,
+ * closed, given its descriptor) by one thread at a time, and is not in use elsewhere when it is opened or closed. The
+ * waiting functions need 130 KiB of stack. Descriptors of 1024 and above are fine.
+ *
+ * ERROR, from every function of this section, also means that the event service is not initialised; nothing was
+ * changed then.
+ */
+
+/* A client's event channel. The client owns the memory, which has to stay in place; the fields are the library's
+ * between open and close. */
 typedef struct srvc_handle {
     kr_host_ifc_fd sdk_fd; /* frames and port events from the switch */
     int hal_pipe[2];       /* events of the library: read end, write end */
@@ -100,39 +241,39 @@ typedef struct srvc_handle {
 } srvc_handle;
 
 typedef enum hal_event_type {
-    EVENT_GENERAL_READY = 0,
+    EVENT_GENERAL_READY = 0, /* the switch has started; no payload */
     EVENT_GENERAL_ERROR = 1,
     EVENT_TABLE_UPDATE = 2,
-    EVENT_PORT_CAPABILITIES_UPDATE = 3,
-    EVENT_PORT_OPER_STATE_CHANGE = 4,
+    EVENT_PORT_CAPABILITIES_UPDATE = 3, /* a port was added, or is about to be removed */
+    EVENT_PORT_OPER_STATE_CHANGE = 4,   /* a link went up or down; from the switch */
     EVENT_PORT_STP_STATE_CHANGE = 5,
     EVENT_PORT_LACP_STATE_CHANGE = 6,
     EVENT_VLAN_UPDATE = 7,
     EVENT_SWITCH_UPDATE = 8,
-    EVENT_AGENT_UPDATE = 9,
-    EVENT_PACKET_IN = 10,
-    EVENT_PACKET_MISS = 11
-} hal_event_type;
+    EVENT_AGENT_UPDATE = 9, /* configuration of the agent, as the connector delivered it */
+    EVENT_PACKET_IN = 10,   /* a frame that a flow sends to the controller; from the switch */
+    EVENT_PACKET_MISS = 11  /* a frame that no flow matches, from the switch; or a control frame */
+} hal_event_type;           /* 1, 2 and 5 to 8 are kept free: nothing produces them yet */
 enum { KR_SDN_HAL_EVENT_TYPE_COUNT = 12, KR_SDN_HAL_HANDLES_PER_EVENT = 10, KR_SDN_HAL_PACKET_SIZE = 4000 };
 
 /* Reasons of EVENT_PORT_CAPABILITIES_UPDATE. */
 enum { PORT_UPDATE_ADDED = 0, PORT_UPDATE_REMOVED = 1 };
 
 typedef struct hal_event_packet {
-    uint8_t data[KR_SDN_HAL_PACKET_SIZE];
-    uint32_t length; /* bytes */
+    uint8_t data[KR_SDN_HAL_PACKET_SIZE]; /* the frame; a longer one is cut */
+    uint32_t length;  /* bytes */
     uint32_t in_port; /* OF port; 0 when the port is not in the port database */
 } hal_event_packet;
 
 typedef struct hal_event_port_oper {
     uint32_t port; /* OF port; 0 when unknown */
-    uint32_t oper_state;
+    uint32_t oper_state; /* as the switch reports it: 1 up, 2 down */
 } hal_event_port_oper;
 
 typedef struct hal_event_port_update {
-    uint32_t reason;
-    uint32_t port; /* OF port */
-    uint32_t oper_state;
+    uint32_t reason; /* PORT_UPDATE_REMOVED: has to be acknowledged */
+    uint32_t port;       /* OF port */
+    uint32_t oper_state; /* as the switch reports it: 1 up, 2 down */
     uint8_t mac_address[6];
     char interface_name[16];
 } hal_event_port_update;
@@ -162,23 +303,183 @@ typedef struct hal_event_record {
     } payload;
 } hal_event_record;
 
-/* The library's own: called by it during init, start, stop and deinit; exported for the connector's sake. */
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_init(void);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_dependent_init(void);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_dependent_deinit(void);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_deinit(void);
+/* clang-format off */
+/*               record                 field                          offset size */
+KR_SDN_HAL_FIELD(hal_event_record,      type,                               0,    4);
+KR_SDN_HAL_FIELD(hal_event_record,      reserved,                           4,    4);
+KR_SDN_HAL_FIELD(hal_event_record,      payload,                            8, 4008);
+KR_SDN_HAL_FIELD(hal_event_record,      payload.packet.data,                8, 4000);
+KR_SDN_HAL_FIELD(hal_event_record,      payload.packet.length,           4008,    4);
+KR_SDN_HAL_FIELD(hal_event_record,      payload.packet.in_port,          4012,    4);
+KR_SDN_HAL_FIELD(hal_event_record,      payload.port_oper.port,             8,    4);
+KR_SDN_HAL_FIELD(hal_event_record,      payload.port_oper.oper_state,      12,    4);
+KR_SDN_HAL_FIELD(hal_event_record,      payload.port_update.reason,         8,    4);
+KR_SDN_HAL_FIELD(hal_event_record,      payload.port_update.port,          12,    4);
+KR_SDN_HAL_FIELD(hal_event_record,      payload.port_update.oper_state,    16,    4);
+KR_SDN_HAL_FIELD(hal_event_record,      payload.port_update.mac_address,   20,    6);
+KR_SDN_HAL_FIELD(hal_event_record,      payload.port_update.interface_name, 26,  16);
+KR_SDN_HAL_FIELD(hal_event_record,      payload.agent.entries,              8,   48);
+KR_SDN_HAL_FIELD(hal_event_record,      payload.agent.trailer,             56,    8);
+KR_SDN_HAL_SIZE( hal_event_record,                                              4016);
+KR_SDN_HAL_FIELD(hal_event_agent_entry, data,                               0,   16);
+KR_SDN_HAL_FIELD(hal_event_agent_entry, value,                             16,    4);
+KR_SDN_HAL_FIELD(hal_event_agent_entry, number,                            20,    2);
+KR_SDN_HAL_FIELD(hal_event_agent_entry, reserved,                          22,    2);
+KR_SDN_HAL_SIZE( hal_event_agent_entry,                                          24);
+KR_SDN_HAL_FIELD(srvc_handle,           sdk_fd,                             0, sizeof(kr_host_ifc_fd));
+KR_SDN_HAL_FIELD(srvc_handle,           hal_pipe,      sizeof(kr_host_ifc_fd), 2 * sizeof(int));
+KR_SDN_HAL_FIELD(srvc_handle,           sdk_fd_open,   sizeof(kr_host_ifc_fd) + 8, 4);
+KR_SDN_HAL_FIELD(srvc_handle,           is_open,       sizeof(kr_host_ifc_fd) + 12, 4);
+/* clang-format on */
 
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_open(srvc_handle *handle);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_close(srvc_handle *handle);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_event_register(srvc_handle *handle, uint32_t event);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_event_unregister(srvc_handle *handle, uint32_t event);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_process_event(const hal_event_record *record);
+/*
+ * The library's own: called by it during init, start, stop and deinit; exported for the connector's sake. A client
+ * does not call them. SUCCESS; ERROR in the wrong stage or without a lock, nothing was changed; SDK_ERROR from the two
+ * in the middle when the device could not be opened or closed, nothing was changed.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_init(void) KR_SDN_HAL_NOEXCEPT;
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_dependent_init(void) KR_SDN_HAL_NOEXCEPT;
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_dependent_deinit(void) KR_SDN_HAL_NOEXCEPT;
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_deinit(void) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Opens a channel: makes its pipe, and its host-interface descriptor if the switch is started.
+ *
+ * handle  out: the channel; cleared first, whatever it held. Opening a channel that is open loses its descriptors,
+ *         which are never closed then, and leaves its registrations in place for the new ones.
+ *
+ * SUCCESS      the channel is open and registered for nothing.
+ * PARAM_ERROR  handle is NULL.
+ * SDK_ERROR    no host-interface descriptor could be made; the channel is closed.
+ * ERROR        no pipe could be made; the channel is closed, but a host-interface descriptor that was made stays open
+ *              in handle->sdk_fd.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_open(srvc_handle *handle) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Closes a channel: ends its registrations, waits until no producer writes to it any more, and closes its descriptors.
+ * Unread events are lost. Close the channel before the switch is stopped, or its host-interface descriptor cannot be
+ * closed in an orderly way, which is logged.
+ *
+ * handle  in/out: an open channel; its memory is free for another use afterwards.
+ *
+ * SUCCESS      the channel is closed.
+ * PARAM_ERROR  handle is NULL or not open; nothing was changed.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_close(srvc_handle *handle) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Lets a channel hear of an event type. Registering twice changes nothing. A type has room for
+ * KR_SDN_HAL_HANDLES_PER_EVENT channels: one more is told SUCCESS, but does not get what the library itself sends.
+ *
+ * handle  in/out: an open channel; gains a host-interface descriptor if it has none and the switch is started.
+ * event   in: a hal_event_type.
+ *
+ * SUCCESS      the channel is registered, if there was room.
+ * PARAM_ERROR  handle is NULL or not open, or event is no type, or a type of the switch and the switch is not started;
+ *              nothing was changed.
+ * SDK_ERROR    no host-interface descriptor could be made, or the switch refused; the channel is not registered.
+ *
+ * Waits while an event is written to the channels.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_event_register(srvc_handle *handle,
+                                                                uint32_t event) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Ends what kr_sdn_hal_srvc_event_register began. Events that are under way still arrive.
+ *
+ * handle  in: an open channel.
+ * event   in: a hal_event_type.
+ *
+ * SUCCESS      the channel is not registered any more.
+ * PARAM_ERROR  handle is NULL or not open, or event is no type, or a type of the switch and the channel has no
+ *              host-interface descriptor; nothing was changed.
+ * SDK_ERROR    the switch refused; the channel is still registered.
+ * ERROR        the channel was not registered; the switch sends it nothing of this type any more all the same.
+ *
+ * Waits while an event is written to the channels.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_event_unregister(srvc_handle *handle,
+                                                                  uint32_t event) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Writes a record to every channel that is registered for its type. Called by the producers inside the library.
+ *
+ * record  in: the record; copied.
+ *
+ * SUCCESS      every registered channel has the record; also when there is none.
+ * PARAM_ERROR  record is NULL, or its type is no hal_event_type; nothing was written.
+ * ERROR        a pipe could not take the record: that channel and those after it did not get it.
+ *
+ * Waits while the pipe of a registered channel is full.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_process_event(const hal_event_record *record) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Waits until one of several channels has something to receive.
+ *
+ * handles       in: handle_count open channels.
+ * handle_count  in: 1 or more.
+ * timeout       in/out: as for select(): NULL waits without limit, zero does not wait, and Linux writes back what is
+ *               left of it.
+ * ready_mask    out: bit (index modulo 32) for each channel that is ready. With more than 32 channels, those whose
+ *               indexes lie 32 apart share a bit: receive from such a channel only if a select of its own says so.
+ *
+ * SUCCESS      *ready_mask was written; 0 when the time ran out.
+ * PARAM_ERROR  handles, one of the channels or ready_mask is NULL, or handle_count is 0; *ready_mask is unchanged.
+ * ERROR        select() failed: a channel is closed, or a signal came; *ready_mask is unchanged.
+ */
 KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_select(srvc_handle **handles, uint32_t handle_count,
-                                                        struct timeval *timeout, uint32_t *ready_mask);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_recv(srvc_handle *handle, hal_event_record *record);
+                                                        struct timeval *timeout,
+                                                        uint32_t *ready_mask) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Takes one event from a channel; waits for it. The library's own events come before those of the switch.
+ *
+ * handle  in: an open channel.
+ * record  out: the event. Of an event of the switch only the fields of its payload are written.
+ *
+ * SUCCESS      *record holds the event.
+ * PARAM_ERROR  handle is NULL or not open, or record is NULL; nothing was taken.
+ * SDK_ERROR    the switch could not deliver, or delivered something that is no event for clients; that is gone.
+ * ERROR        waiting or reading failed, or a signal came; nothing was taken, *record is undefined.
+ * any other    the ingress port could not be looked up; the event is gone, *record is undefined.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_recv(srvc_handle *handle,
+                                                      hal_event_record *record) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Sends a frame out of a port, past the flow table.
+ *
+ * handle       in/out: an open channel; gains a host-interface descriptor if it has none and the switch is started.
+ * packet       in: the frame, from the destination address on.
+ * length       in: its length in bytes.
+ * egress_port  in: OF port.
+ * priority     in: 0 to 255, for the switch to interpret.
+ *
+ * SUCCESS          the switch took the frame.
+ * PARAM_ERROR      handle is NULL or not open, packet is NULL, or the switch is not started; nothing was sent.
+ * ENTRY_NOT_FOUND  there is no such port; nothing was sent.
+ * SDK_ERROR        no host-interface descriptor could be made, or the switch refused the frame; nothing was sent.
+ */
 KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_packet_send(srvc_handle *handle, const void *packet, uint32_t length,
-                                                             uint32_t egress_port, uint8_t priority);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_event_ack(const hal_event_record *record);
+                                                             uint32_t egress_port,
+                                                             uint8_t priority) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Acknowledges an event. For the removal of a port (EVENT_PORT_CAPABILITIES_UPDATE with PORT_UPDATE_REMOVED) this is
+ * what removes the port from the flow table and the port database, and lets the connector go on. One client does it,
+ * once, when it is done with the port; from any thread but the connector's. No other event needs it.
+ *
+ * record  in: the event as it was received.
+ *
+ * SUCCESS          the port is gone and the connector goes on.
+ * PARAM_NULL       record is NULL; nothing was changed.
+ * CMD_UNSUPPORTED  the record is not the removal of a port; nothing was changed.
+ * any other        the port could not be taken out of the flow table or the port database; it stays there, and the
+ *                  connector goes on waiting until an acknowledgement succeeds.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_event_ack(const hal_event_record *record) KR_SDN_HAL_NOEXCEPT;
 
 /* ---- ports ----------------------------------------------------------------------------------------------------- */
 
@@ -259,6 +560,9 @@ KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_table_entry_activity_get(uint32_t ta
 KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_table_table_stat_get(uint32_t table, table_stats *stats);
 KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_table_entry_stat_get(uint32_t table, const uint64_t *flow_ids,
                                                                  uint32_t flow_count, flow_stats *stats);
+
+#undef KR_SDN_HAL_FIELD
+#undef KR_SDN_HAL_SIZE
 
 #ifdef __cplusplus
 }
