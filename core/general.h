@@ -21,8 +21,8 @@ kr_sdn_hal_status general_capabilities_set(const capabilities *cap);
 kr_sdn_hal_status general_capabilities_get(capabilities *cap);
 
 /* Registered with the connector, which calls them on its thread, one at a time. */
-uint32_t general_event_cb(uint32_t event, void *data);
-uint32_t general_config_cb(uint32_t command, void *data);
+uint32_t general_event_cb(uint32_t event, void *data) noexcept;
+uint32_t general_config_cb(uint32_t command, void *data) noexcept;
 
 /* Hands a finished message to the connector's conn_log once the library is initialised; drops it before. */
 void general_log_conn(uint32_t severity, const char *module, const char *text);
