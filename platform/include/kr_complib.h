@@ -105,7 +105,8 @@ enum { CL_STATE_UNINITIALIZED = 0, CL_STATE_INITIALIZED = 0x434c0001 };
 void cl_qmap_init(cl_qmap_t *map);
 
 /*
- * Inserts `item` under `key` and returns it. When the key is present, nothing changes and the older item is returned.
+ * Inserts `item`, which is in no map, under `key` and returns it. When the key is present, nothing changes and the
+ * older item is returned. The end marker, after an assertion, for a map that is not initialised or no item.
  */
 cl_map_item_t *cl_qmap_insert(cl_qmap_t *map, uint64_t key, cl_map_item_t *item);
 
@@ -174,7 +175,8 @@ typedef struct cl_pool_item {
 
 /*
  * Makes one object ready for its first use. `components` are its `component_count` memory blocks (one for a quick
- * pool); *pool_item receives the item that links it. Any status but CL_SUCCESS stops the growth of the pool.
+ * pool), aligned for any type; *pool_item receives the item that links it, and is preset to the start of the first
+ * block when that is large enough. Any status but CL_SUCCESS stops the growth of the pool.
  */
 typedef cl_status_t (*cl_pool_constructor)(void **components, uint32_t component_count, void *context,
                                            cl_pool_item_t **pool_item);
@@ -205,9 +207,20 @@ typedef struct cl_qcpool {
 cl_status_t cl_qcpool_init(cl_qcpool_t *pool, size_t min_count, size_t max_count, size_t growth_size,
                            const size_t *component_sizes, uint32_t component_count, cl_pool_constructor constructor,
                            cl_pool_destructor destructor, void *context);
+
+/* Destructs every object, also those not put back, and gives the memory back. Ignores a pool that is not usable. */
 void cl_qcpool_destroy(cl_qcpool_t *pool);
+
+/* Takes an object; NULL when the pool is empty and may not grow, or is not usable. */
 cl_pool_item_t *cl_qcpool_get(cl_qcpool_t *pool);
+
+/* Puts an object back that came from this pool. One more than were taken is a failed assertion, and ignored. */
 void cl_qcpool_put(cl_qcpool_t *pool, cl_pool_item_t *item);
+
+/*
+ * Makes `object_count` more objects. CL_INSUFFICIENT_RESOURCES when they would be more than the maximum, and
+ * CL_INSUFFICIENT_MEMORY: nothing was made. What the constructor returned: those made before it failed stay.
+ */
 cl_status_t cl_qcpool_grow(cl_qcpool_t *pool, size_t object_count);
 
 /* Quick pool: objects of one size. */
@@ -221,7 +234,10 @@ typedef struct cl_qpool {
     void *context;
 } cl_qpool_t;
 
-/* Makes a pool of objects of `object_size` bytes; arguments and results as for the composite pool. */
+/*
+ * Makes a pool of objects of `object_size` bytes, sizeof(cl_pool_item_t) at least; arguments and results as for the
+ * composite pool. A pool of no objects is valid, and empty. The pool must not be moved afterwards.
+ */
 cl_status_t cl_qpool_init(cl_qpool_t *pool, size_t min_count, size_t max_count, size_t growth_size, size_t object_size,
                           cl_qpool_constructor constructor, cl_qpool_destructor destructor, void *context);
 
@@ -241,37 +257,61 @@ static inline size_t cl_qpool_count(const cl_qpool_t *pool) {
 
 /* ---- passive lock: many readers or one writer, blocking -------------------------------------------------------- */
 
+/*
+ * Writers do not starve: a reader that comes while a writer waits lets the writer go first. Only a thread that holds a
+ * passive lock already goes in at once, so that a thread may take a lock shared again that it holds shared.
+ */
 typedef struct CL_CAPABILITY("passive lock") cl_plock {
     pthread_rwlock_t lock;
     uint32_t state;
+    uint32_t waiting_writer_count;
+    pthread_mutex_t gate; /* held by the writer that waits for the readers to leave */
 } cl_plock_t;
+
+/* Passive locks that the calling thread holds, shared or exclusively. */
+extern __thread uint32_t cl_plock_held_count;
 
 /* CL_SUCCESS or CL_ERROR; the lock is then unusable. */
 cl_status_t cl_plock_init(cl_plock_t *lock);
+/* Nobody may hold the lock. One that was never initialised is ignored. */
 void cl_plock_destroy(cl_plock_t *lock);
 
 static inline void cl_plock_acquire(cl_plock_t *lock) {
     int result;
     CL_ASSERT(lock->state == CL_STATE_INITIALIZED);
+    if (cl_plock_held_count == 0 && __atomic_load_n(&lock->waiting_writer_count, __ATOMIC_RELAXED) != 0) {
+        pthread_mutex_lock(&lock->gate);
+        pthread_mutex_unlock(&lock->gate);
+    }
     result = pthread_rwlock_rdlock(&lock->lock);
     CL_ASSERT(result == 0);
-    (void)result;
+    if (result == 0) {
+        cl_plock_held_count++;
+    }
 }
 
 static inline void cl_plock_excl_acquire(cl_plock_t *lock) {
     int result;
     CL_ASSERT(lock->state == CL_STATE_INITIALIZED);
+    __atomic_fetch_add(&lock->waiting_writer_count, 1, __ATOMIC_RELAXED);
+    pthread_mutex_lock(&lock->gate);
     result = pthread_rwlock_wrlock(&lock->lock);
+    pthread_mutex_unlock(&lock->gate);
+    __atomic_fetch_sub(&lock->waiting_writer_count, 1, __ATOMIC_RELAXED);
     CL_ASSERT(result == 0);
-    (void)result;
+    if (result == 0) {
+        cl_plock_held_count++;
+    }
 }
 
 static inline void cl_plock_release(cl_plock_t *lock) {
     int result;
     CL_ASSERT(lock->state == CL_STATE_INITIALIZED);
     result = pthread_rwlock_unlock(&lock->lock);
-    CL_ASSERT(result == 0);
-    (void)result;
+    CL_ASSERT(result == 0 && cl_plock_held_count > 0);
+    if (result == 0 && cl_plock_held_count > 0) {
+        cl_plock_held_count--;
+    }
 }
 
 /* ---- event ----------------------------------------------------------------------------------------------------- */
@@ -288,13 +328,19 @@ typedef struct cl_event {
 cl_status_t cl_event_init(cl_event_t *event, uint32_t manual_reset);
 /* Nobody may be waiting. An event that was never initialised is ignored. */
 void cl_event_destroy(cl_event_t *event);
+/*
+ * Signals the event, waiting or not: CL_SUCCESS, also when it is signalled already, or CL_INVALID_STATE for an event
+ * that is not initialised. Does not touch the event any more once a waiter's wait can return: the waiter may destroy it.
+ */
 cl_status_t cl_event_signal(cl_event_t *event);
+/* Takes an unused signal back. A waiter that was woken but has not run yet goes on waiting. */
 cl_status_t cl_event_reset(cl_event_t *event);
 
 /*
  * Waits until the event is signalled, or `wait_us` microseconds have passed on the monotonic clock (0 polls,
  * CL_EVENT_NO_TIMEOUT waits for ever): CL_SUCCESS or CL_TIMEOUT. An interruptible wait may also end with
- * CL_INTERRUPTED when a signal handler ran on the waiting thread. CL_INVALID_STATE for an event that is not
+ * CL_INTERRUPTED when a signal handler ran on the waiting thread, with SA_RESTART or without; a handler that ran before
+ * the thread went to sleep is not noticed. CL_INVALID_STATE for an event that is not
  * initialised.
  */
 cl_status_t cl_event_wait_on(cl_event_t *event, uint32_t wait_us, uint32_t interruptible);
@@ -311,10 +357,16 @@ typedef struct cl_thread {
     uint32_t state;
 } cl_thread_t;
 
-/* Starts `function(context)` on a new thread. `name` may be NULL. CL_SUCCESS or CL_ERROR. */
+/*
+ * Starts `function(context)` on a new thread; the object has to stay where it is. `name`, of which 15 characters count,
+ * may be NULL. CL_SUCCESS, CL_INVALID_PARAMETER (no function) or CL_ERROR (no thread to be had).
+ */
 cl_status_t cl_thread_init(cl_thread_t *thread, cl_thread_function function, void *context, const char *name);
 
-/* Waits for the thread to end. A thread that was never started, or is destroyed already, is ignored. */
+/*
+ * Waits for the thread to end. A thread that was never started, or is destroyed already, is ignored. Called by the
+ * thread itself it is a failed assertion and does nothing: the thread is still there for another one to destroy.
+ */
 void cl_thread_destroy(cl_thread_t *thread);
 
 #pragma GCC visibility pop

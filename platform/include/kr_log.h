@@ -27,17 +27,22 @@ enum {
 
 /*
  * Receives one finished message. `module` and `text` are valid during the call only. May be called from any thread,
- * also from several at once; must not call back into the logger's init or close.
+ * also from several at once, and may log itself.
  */
 typedef void (*kr_log_callback)(uint32_t severity, const char *module, const char *text);
 
 /*
  * Starts the logger. `callback` receives every message from now on; NULL sends them to standard error. A second init
- * replaces the callback. `mode` and `context` are reserved for the platform: 1 and NULL.
+ * replaces the callback. `mode` and `context` are reserved for the platform: 1 and NULL. When the call returns, the
+ * callback that was there before has ended on every thread and is not called again, so that its code may be unloaded;
+ * a call from within a callback can't wait for that and does not.
  */
 kr_status kr_log_init(uint32_t mode, void *context, kr_log_callback callback);
 
-/* Ends the logger. Messages that come later go to standard error if they are errors, and are dropped otherwise. */
+/*
+ * Ends the logger. Messages that come later go to standard error if they are errors, and are dropped otherwise. Waits
+ * for the callback as init does. KR_STATUS_NOT_INITIALIZED when the logger was not started.
+ */
 kr_status kr_log_close(void);
 
 /*

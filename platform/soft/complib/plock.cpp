@@ -1,10 +1,9 @@
 /*
- * The passive lock's life: a POSIX reader-writer lock of the default kind. Taking and releasing it is inline in the
- * contract header.
+ * The passive lock's life; taking and releasing it is inline in the contract header.
  *
- * The default kind lets a reader in while a writer waits, so that a thread that holds the lock shared may take it
- * shared again without waiting for that writer, who waits for it. The price is that readers who never leave a gap keep
- * a writer waiting.
+ * The POSIX lock inside is of the default kind, which lets a reader in while a writer waits. The gate in front of it
+ * turns that round for threads that hold no passive lock: a writer keeps the gate shut while it waits. The kind that
+ * prefers writers by itself would also stop a reader that holds the lock already, and with it the writer, for ever.
  */
 #include "control/contract_call.h"
 #include "kr_complib.h"
@@ -12,6 +11,8 @@
 using kr_soft::contract_call;
 using kr_soft::contract_call_void;
 using kr_soft::contract_function;
+
+__thread uint32_t cl_plock_held_count = 0;
 
 cl_status_t cl_plock_init(cl_plock_t *lock) {
     return contract_call(
@@ -24,6 +25,11 @@ cl_status_t cl_plock_init(cl_plock_t *lock) {
             if (pthread_rwlock_init(&lock->lock, nullptr) != 0) {
                 return CL_ERROR;
             }
+            if (pthread_mutex_init(&lock->gate, nullptr) != 0) {
+                pthread_rwlock_destroy(&lock->lock);
+                return CL_ERROR;
+            }
+            lock->waiting_writer_count = 0;
             lock->state = CL_STATE_INITIALIZED;
             return CL_SUCCESS;
         },
@@ -38,8 +44,8 @@ void cl_plock_destroy(cl_plock_t *lock) {
                 return;
             }
             lock->state = CL_STATE_UNINITIALIZED;
-            const int result = pthread_rwlock_destroy(&lock->lock);
-            CL_ASSERT_AT(result == 0, "plock.cpp");
+            const bool was_free = pthread_mutex_destroy(&lock->gate) == 0 && pthread_rwlock_destroy(&lock->lock) == 0;
+            CL_ASSERT_AT(was_free, "plock.cpp");
         },
         [] { return std::string(); });
 }

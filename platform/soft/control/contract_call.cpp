@@ -129,10 +129,15 @@ std::string result_text(const void *pointer) { return pointer == nullptr ? "NULL
 std::string text_of(const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    char text[512];
-    const int size = vsnprintf(text, sizeof text, format, arguments);
+    char *text = nullptr;
+    const int size = vasprintf(&text, format, arguments);
     va_end(arguments);
-    return size < 0 ? std::string() : std::string(text);
+    if (size < 0) {
+        return {};
+    }
+    std::string copy(text, static_cast<size_t>(size));
+    free(text);
+    return copy;
 }
 
 void contract_call_reset() {

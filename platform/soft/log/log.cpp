@@ -130,10 +130,11 @@ void deliver(uint32_t severity, const char *module, const char *text) {
     }
 }
 
-// Puts `callback` in the place of the present one and waits for the deliveries that use that. From within a callback
-// it can't wait: it would wait for itself.
+/*
+ * Puts `callback` in the place of the present one and waits for the deliveries that use that. From within a callback
+ * it can't wait: it would wait for itself. The lock is held.
+ */
 void callback_replace(kr_log_callback callback, bool is_started) {
-    const state_lock lock;
     const uint64_t replaced = g.generation++;
     g.callback = callback;
     g.is_started = is_started;
@@ -148,6 +149,7 @@ kr_status kr_log_init(uint32_t mode, void *, kr_log_callback callback) {
     return contract_call(
         contract_function::kr_log_init,
         [&]() -> kr_status {
+            const state_lock lock;
             callback_replace(callback, true);
             return KR_STATUS_SUCCESS;
         },
@@ -158,6 +160,10 @@ kr_status kr_log_close(void) {
     return contract_call(
         contract_function::kr_log_close,
         []() -> kr_status {
+            const state_lock lock;
+            if (!g.is_started) {
+                return KR_STATUS_NOT_INITIALIZED;
+            }
             callback_replace(nullptr, false);
             return KR_STATUS_SUCCESS;
         },
