@@ -40,6 +40,19 @@ constexpr auto byte_order = [] {
     return order;
 }();
 
+// [mask][value wanted][value met]: all ones where the masked nibble is accepted.
+constexpr auto acceptance = [] {
+    std::array<std::array<std::array<uint64_t, 16>, 16>, 16> table{};
+    for (uint32_t mask = 0; mask < 16; mask++) {
+        for (uint32_t wanted = 0; wanted < 16; wanted++) {
+            for (uint32_t met = 0; met < 16; met++) {
+                table[mask][wanted][met] = ((met ^ wanted) & mask) == 0 ? ~uint64_t{0} : 0;
+            }
+        }
+    }
+    return table;
+}();
+
 // Calls body(nibble, bits of the mask) for each nibble that the mask covers.
 template <typename Body> void for_each_covered(const kr_acl_key &mask, Body body) {
     uint8_t bytes[key_size];
@@ -64,9 +77,15 @@ template <typename Body> void for_each_covered(const kr_acl_key &mask, Body body
 } // namespace
 
 void ternary_matcher::nibble_use(uint32_t nibble) {
-    if (users_[nibble]++ == 0) {
-        std::memset(&rows_[nibble], 0xff, sizeof rows_[nibble]);
-        used_nibbles_stale_ = true;
+    if (users_[nibble]++ != 0) {
+        return;
+    }
+    used_nibbles_stale_ = true;
+    if (!was_used_[nibble]) { // later they are all ones again whenever the last user has gone
+        was_used_[nibble] = true;
+        for (accepting(&of_word)[nibble_count] : rows_) {
+            std::memset(&of_word[nibble], 0xff, sizeof of_word[nibble]);
+        }
     }
 }
 
@@ -92,29 +111,31 @@ void ternary_matcher::used_nibbles_update() {
 }
 
 void ternary_matcher::set(uint32_t offset, const kr_acl_key &key, const kr_acl_key &mask) {
-    const position at = position_of(offset);
+    const uint32_t word = offset / bits_per_word;
+    const uint64_t bit = uint64_t{1} << offset % bits_per_word;
     uint8_t key_bytes[key_size];
     std::memcpy(key_bytes, &key, key_size);
     for_each_covered(mask, [&](uint32_t nibble, uint32_t mask_bits) {
         nibble_use(nibble);
-        const uint32_t wanted =
-            nibble < key_size ? key_bytes[nibble] & 15U : uint32_t{key_bytes[nibble - key_size]} >> 4;
+        const uint32_t byte = key_bytes[nibble % key_size];
+        const uint32_t wanted = nibble < key_size ? byte & 15U : byte >> 4;
+        uint64_t *const __restrict row = rows_[word][nibble].by_value;
+        const uint64_t *const __restrict accepted = acceptance[mask_bits][wanted].data();
         for (uint32_t value = 0; value < value_count; value++) {
-            if (((value ^ wanted) & mask_bits) != 0) {
-                rows_[nibble][at.block][value].words[at.word] &= ~at.bit;
-            }
+            row[value] &= accepted[value] | ~bit;
         }
     });
-    valid_[at.block].words[at.word] |= at.bit;
+    valid_[word] |= bit;
     used_nibbles_update();
 }
 
 void ternary_matcher::clear(uint32_t offset, const kr_acl_key &mask) {
-    const position at = position_of(offset);
-    valid_[at.block].words[at.word] &= ~at.bit;
+    const uint32_t word = offset / bits_per_word;
+    const uint64_t bit = uint64_t{1} << offset % bits_per_word;
+    valid_[word] &= ~bit;
     for_each_covered(mask, [&](uint32_t nibble, uint32_t) {
-        for (row &accepting : rows_[nibble][at.block]) {
-            accepting.words[at.word] |= at.bit;
+        for (uint64_t &row : rows_[word][nibble].by_value) {
+            row |= bit;
         }
         nibble_release(nibble);
     });
@@ -129,23 +150,14 @@ uint32_t ternary_matcher::match(const kr_acl_key &frame) const {
         values[i] = bytes[i] & 15U;
         values[i + key_size] = static_cast<uint8_t>(bytes[i] >> 4);
     }
-
-    for (uint32_t block = 0; block < block_count; block++) {
-        row left = valid_[block];
-        uint64_t any = left.words[0] | left.words[1] | left.words[2] | left.words[3];
-        for (uint32_t i = 0; i < used_nibble_count_ && any != 0; i++) {
+    for (uint32_t word = 0; word < word_count; word++) {
+        uint64_t left = valid_[word];
+        for (uint32_t i = 0; i < used_nibble_count_ && left != 0; i++) {
             const uint32_t nibble = used_nibbles_[i];
-            const row &accepting = rows_[nibble][block][values[nibble]];
-            any = 0;
-            for (uint32_t word = 0; word < words_per_block; word++) {
-                left.words[word] &= accepting.words[word];
-                any |= left.words[word];
-            }
+            left &= rows_[word][nibble].by_value[values[nibble]];
         }
-        for (uint32_t word = 0; word < words_per_block && any != 0; word++) {
-            if (left.words[word] != 0) {
-                return block * block_bits + word * 64 + static_cast<uint32_t>(std::countr_zero(left.words[word]));
-            }
+        if (left != 0) {
+            return word * bits_per_word + static_cast<uint32_t>(std::countr_zero(left));
         }
     }
     return no_match;

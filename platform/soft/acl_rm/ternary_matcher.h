@@ -33,34 +33,26 @@ class ternary_matcher {
     static constexpr uint32_t key_size = sizeof(kr_acl_key);
     static constexpr uint32_t nibble_count = 2 * key_size; // all low halves, then all high halves
     static constexpr uint32_t value_count = 16;
-    static constexpr uint32_t words_per_block = 4;
-    static constexpr uint32_t block_bits = 64 * words_per_block;
-    static constexpr uint32_t block_count = capacity / block_bits;
+    static constexpr uint32_t bits_per_word = 64;
+    static constexpr uint32_t word_count = capacity / bits_per_word;
 
-    // One row of one block: 256 offsets, half a cache line.
-    struct alignas(32) row {
-        uint64_t words[words_per_block];
+    // Which of 64 offsets accept each value of one nibble: two cache lines, all that a rule changes of the nibble.
+    struct alignas(64) accepting {
+        uint64_t by_value[value_count];
     };
-
-    struct position {
-        uint32_t block, word;
-        uint64_t bit;
-    };
-    static constexpr position position_of(uint32_t offset) {
-        return {offset / block_bits, offset % block_bits / 64, uint64_t{1} << (offset % 64)};
-    }
 
     void nibble_use(uint32_t nibble);
     void nibble_release(uint32_t nibble);
     void used_nibbles_update();
 
-    row valid_[block_count] = {};              // offsets that hold a rule
+    uint64_t valid_[word_count] = {};          // offsets that hold a rule
     uint16_t users_[nibble_count] = {};        // rules whose mask covers the nibble
     uint16_t used_nibbles_[nibble_count] = {}; // nibbles with users, the most telling first
     uint32_t used_nibble_count_ = 0;
     bool used_nibbles_stale_ = false;
-    // Of a nibble with users: 1 where the rule accepts the value or no rule is. Not initialised without users.
-    row rows_[nibble_count][block_count][value_count];
+    bool was_used_[nibble_count] = {}; // its rows have been initialised
+    // Of a nibble that was used: 1 where the rule accepts the value or no rule is.
+    accepting rows_[word_count][nibble_count];
 };
 
 } // namespace kr_soft
