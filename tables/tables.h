@@ -9,11 +9,15 @@
 
 #include "kr_psort.h"
 #include "kr_sdn_hal.h"
+#include "tables/wrapped_flow.h"
 
 enum { TABLES_MAX_TABLE_ID = 0 };
 enum { TABLES_CMD_ADD = 0, TABLES_CMD_DELETE = 2 };
 // Hints of tables_resize.
 enum { TABLES_RESIZE_ALMOST_FULL = 0, TABLES_RESIZE_ALMOST_EMPTY = 1 };
+
+// The most flows that one call may name: the work record of each has to fit into one buffer, whose size has 32 bits.
+constexpr uint32_t tables_max_flow_count = UINT32_MAX / sizeof(wrapped_flow);
 
 // Shared by the three table modules; not exported, but kept in the symbol table.
 extern "C" int32_t kr_HAL_TABLES_API_verb_level;
