@@ -220,13 +220,18 @@ kr_status kr_acl_rm_api_close(kr_acl_rm_handle *handle);
  */
 kr_status kr_acl_rm_api_acl_set(kr_acl_rm_handle handle, uint32_t command, kr_acl_attributes *attributes);
 
-/* Command 7 binds the ACL to ports (NO_HARDWARE_RESOURCES when the device has no room), 8 unbinds it. */
+/*
+ * Command 7 binds the ACL to ports (NO_HARDWARE_RESOURCES when the device has no room, RESOURCE_IN_USE for a port that
+ * is bound to another ACL), 8 unbinds it. A port that is bound, or not bound, already succeeds without a change.
+ */
 kr_status kr_acl_rm_api_acl_bind_port_set(kr_acl_rm_handle handle, uint32_t command, uint32_t acl_id,
                                           const uint32_t *log_ports, uint32_t count);
 
 /*
  * Command 6 writes `count` rules, each at its set_offset, over what was there; 3 deletes those at their access_offset.
- * Deleting where no rule is succeeds. A counter belongs to the rule that names it and is released with the rule. ENTRY_NOT_FOUND for an unknown ACL, group or counter,
+ * Deleting where no rule is succeeds. All of a batch is written or, on failure, none. A counter belongs to the rules
+ * that name it and is released with the last of them. PARAM_ERROR for a rule whose valid or action_valid is not 1 or
+ * with a type or action that is not listed above, ENTRY_NOT_FOUND for an unknown ACL, group or counter,
  * PARAM_EXCEEDS_RANGE for an offset outside the region, NO_RESOURCES when the device can't take the rule.
  */
 kr_status kr_acl_rm_api_acl_rule_set(kr_acl_rm_handle handle, uint32_t command, uint32_t acl_id, kr_acl_rule *rules,
@@ -234,7 +239,8 @@ kr_status kr_acl_rm_api_acl_rule_set(kr_acl_rm_handle handle, uint32_t command, 
 
 /*
  * Reads *count rules, each from its access_offset; *count becomes the number read. With activity_mode 2 the rule's
- * activity is reported and cleared. `reserved` is 0. ENTRY_NOT_FOUND where no valid rule is.
+ * activity is reported and cleared, with 0 it is left alone and the activity byte is 0. `reserved` is 0.
+ * ENTRY_NOT_FOUND where no valid rule is.
  */
 kr_status kr_acl_rm_api_acl_rule_get(kr_acl_rm_handle handle, uint32_t acl_id, uint32_t reserved, kr_acl_rule *rules,
                                      uint32_t *count);

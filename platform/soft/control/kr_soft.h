@@ -132,10 +132,11 @@ typedef struct kr_soft_rule_state {
     uint64_t hit_bytes, hit_packets; /* of every rule, with or without a counter */
 } kr_soft_rule_state;
 
-/* Reads the valid rules of an ACL, lowest offset first; *count: in, room; out, how many there are. */
+/* Reads the valid rules of an ACL, lowest offset first; *count: in, room; out, how many there are. NO_RESOURCES when
+ * there are more than fit: those that fit are written. ENTRY_NOT_FOUND for an unknown ACL. */
 kr_status kr_soft_rules_get(uint32_t acl_id, kr_soft_rule_state *rules, uint32_t *count);
 
-/* The ids of the ACLs that exist. *count: in, room; out, how many there are. */
+/* The ids of the ACLs that exist. *count: in, room; out, how many there are; NO_RESOURCES as above. */
 kr_status kr_soft_acls_get(uint32_t *acl_ids, uint32_t *count);
 
 typedef struct kr_soft_usage {
