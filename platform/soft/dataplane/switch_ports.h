@@ -27,11 +27,13 @@ kr_status port_state_get(uint32_t log_port, port_state *state);
  */
 kr_status port_transmit(uint32_t log_port, const void *frame, uint32_t size);
 
-// Stops the data plane's thread and removes every port; part of kr_soft_reset.
+// Stops the data plane's thread, removes every port and clears the drop counters; part of kr_soft_reset.
 void dataplane_reset();
 
-// Fills port_count; writes ports and drop counts for a person.
+// Fills port_count; part of kr_soft_usage_get.
 void dataplane_usage_fill(kr_soft_usage *usage);
+
+// Writes ports and drop counts for a person; part of kr_soft_dump.
 void dataplane_dump(FILE *stream);
 
 } // namespace kr_soft

@@ -11,6 +11,9 @@
 
 namespace kr_soft {
 
+// Trap ids that the device has are below this.
+constexpr uint32_t trap_id_limit = 1024;
+
 // True when at least one descriptor is registered for the trap id. A relaxed look, cheap enough for every frame.
 bool trap_wanted(uint32_t trap_id);
 
@@ -29,8 +32,10 @@ void drop_count_add(uint32_t reason);
 // Closes every descriptor and device handle; part of kr_soft_reset.
 void host_ifc_reset();
 
-// Fills descriptor_count and device_handle_count; writes descriptors and their registrations for a person.
+// Fills descriptor_count and device_handle_count; part of kr_soft_usage_get.
 void host_ifc_usage_fill(kr_soft_usage *usage);
+
+// Writes the descriptors and their registrations for a person; part of kr_soft_dump.
 void host_ifc_dump(FILE *stream);
 
 } // namespace kr_soft

@@ -1,0 +1,20 @@
+/*
+ * A stand-in for the ports of the software switch, for tests of the plug-ins alone. The test program exports these
+ * functions, so the plug-ins that it loads find them before those of the platform's library.
+ */
+#ifndef KR_TESTS_FAKE_PLATFORM_H
+#define KR_TESTS_FAKE_PLATFORM_H
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+namespace fake_platform {
+
+void reset();
+std::map<uint32_t, std::string> ports(); // logical port -> interface
+void fail_adds_with(uint32_t status);    // 0: adds succeed again
+
+} // namespace fake_platform
+
+#endif
