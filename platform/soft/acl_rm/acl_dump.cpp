@@ -13,14 +13,20 @@
 namespace kr_soft {
 namespace {
 
+// Begins the next field of a line.
+void name_add(std::string *text, const char *name) {
+    text->append(text->empty() ? "" : " ").append(name);
+}
+
 template <typename Number>
 void field_add(std::string *text, const char *name, Number value, Number mask, const char *format) {
     if (mask == 0) {
         return;
     }
-    *text += (text->empty() ? "" : " ") + std::string(name) + "=" + text_of(format, unsigned{value});
+    name_add(text, name);
+    text->append("=").append(text_of(format, unsigned{value}));
     if (mask != static_cast<Number>(~Number{0})) {
-        *text += "/" + text_of("0x%x", unsigned{mask});
+        text->append(text_of("/0x%x", unsigned{mask}));
     }
 }
 
@@ -33,9 +39,10 @@ void mac_add(std::string *text, const char *name, const uint8_t (&value)[6], con
     if (mask_text == "00:00:00:00:00:00") {
         return;
     }
-    *text += (text->empty() ? "" : " ") + std::string(name) + "=" + mac_text(value);
+    name_add(text, name);
+    text->append("=").append(mac_text(value));
     if (mask_text != "ff:ff:ff:ff:ff:ff") {
-        *text += "/" + mask_text;
+        text->append("/").append(mask_text);
     }
 }
 
@@ -43,8 +50,8 @@ void ipv4_add(std::string *text, const char *name, uint32_t value, uint32_t mask
     if (mask == 0) {
         return;
     }
-    *text += (text->empty() ? "" : " ") + std::string(name) +
-             text_of("=%u.%u.%u.%u", value >> 24, value >> 16 & 255U, value >> 8 & 255U, value & 255U);
+    name_add(text, name);
+    text->append(text_of("=%u.%u.%u.%u", value >> 24, value >> 16 & 255U, value >> 8 & 255U, value & 255U));
     if (mask != UINT32_MAX) {
         *text += text_of("/0x%08x", mask);
     }
@@ -56,7 +63,7 @@ std::string match_text(const kr_acl_key &key, const kr_acl_key &mask) {
     mac_add(&text, "src", key.eth_src, mask.eth_src);
     mac_add(&text, "dst", key.eth_dst, mask.eth_dst);
     if (mask.vlan_tagged != 0) {
-        text += std::string(text.empty() ? "" : " ") + (key.vlan_tagged != 0 ? "tagged" : "untagged");
+        name_add(&text, key.vlan_tagged != 0 ? "tagged" : "untagged");
     }
     field_add(&text, "vlan", key.vlan_id, mask.vlan_id, "%u");
     field_add(&text, "pcp", key.vlan_pcp, mask.vlan_pcp, "%u");
