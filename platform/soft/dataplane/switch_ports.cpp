@@ -16,7 +16,10 @@
 #include <pcap/pcap.h>
 
 #include "control/kr_soft.h"
+#include "dataplane/dataplane_thread.h"
 #include "dataplane/forwarding.h"
+#include "dataplane/interface_port.h"
+#include "dataplane/link_watch.h"
 #include "dataplane/port_table.h"
 #include "host_ifc/trap_delivery.h"
 #include "kr_api.h"
@@ -70,6 +73,37 @@ template <typename Use> kr_status port_with(uint32_t log_port, Use use) {
     const table_shared lock(port_table_lock());
     port *const found = port_find(log_port);
     return found != nullptr ? use(*found) : static_cast<kr_status>(KR_STATUS_ENTRY_NOT_FOUND);
+}
+
+// Serialises what starts and stops the threads: adding ports on interfaces, and reset.
+constinit std::mutex threads_mutex;
+
+bool interface_in_use(const interface_port &wanted) {
+    for (uint32_t i = 0; i < port_count(); i++) {
+        const std::shared_ptr<port> other = port_at(i);
+        if (other->kind == port_kind::interface &&
+            wanted.stands_on_same_interface(static_cast<const interface_port &>(*other))) {
+            return true;
+        }
+    }
+    return false;
+}
+
+kr_status interface_port_add(const std::shared_ptr<interface_port> &added) {
+    const std::lock_guard threads_lock(threads_mutex);
+    if (!dataplane_thread_start() || !link_watch_start()) {
+        return KR_STATUS_NO_RESOURCES;
+    }
+    const table_exclusive lock(port_table_lock());
+    if (interface_in_use(*added)) {
+        return KR_STATUS_ENTRY_ALREADY_EXISTS;
+    }
+    const kr_status status = port_insert(added);
+    if (status == KR_STATUS_SUCCESS && !dataplane_thread_watch(*added)) {
+        port_erase(added->log_port);
+        return KR_STATUS_NO_RESOURCES;
+    }
+    return status;
 }
 
 struct pcap_closer {
@@ -135,6 +169,9 @@ void dataplane_reset() {
         }
         kr_soft_port_remove(first->log_port);
     }
+    const std::lock_guard threads_lock(threads_mutex);
+    dataplane_thread_stop();
+    link_watch_stop();
     drop_counts_reset();
 }
 
@@ -170,6 +207,32 @@ using namespace kr_soft;
 
 kr_status kr_soft_port_add_memory(uint32_t log_port) {
     return port_add(port_make<memory_port>(log_port));
+}
+
+kr_status kr_soft_port_add_interface(uint32_t log_port, const char *interface_name) {
+    if (interface_name == nullptr) {
+        return KR_STATUS_PARAM_NULL;
+    }
+    {
+        const table_shared lock(port_table_lock());
+        if (port_find(log_port) != nullptr) {
+            return KR_STATUS_ENTRY_ALREADY_EXISTS;
+        }
+    }
+    std::shared_ptr<interface_port> added;
+    kr_status status = KR_STATUS_ERROR;
+    try {
+        status = interface_port::open(log_port, interface_name, &added);
+    } catch (const std::bad_alloc &) {
+        return KR_STATUS_NO_MEMORY;
+    }
+    if (status == KR_STATUS_SUCCESS) {
+        status = interface_port_add(added);
+    }
+    if (status == KR_STATUS_SUCCESS) {
+        added->refresh(); // what changed before the thread that watches links knew the port
+    }
+    return status;
 }
 
 kr_status kr_soft_port_add_capture(uint32_t log_port, const char *input_path, const char *output_path) {
@@ -234,6 +297,9 @@ kr_status kr_soft_port_remove(uint32_t log_port) {
     {
         const table_exclusive lock(port_table_lock());
         removed = port_erase(log_port);
+        if (removed != nullptr && removed->kind == port_kind::interface) {
+            dataplane_thread_forget(static_cast<const interface_port &>(*removed));
+        }
     }
     if (removed == nullptr) {
         return KR_STATUS_ENTRY_NOT_FOUND;
