@@ -41,7 +41,8 @@ class descriptor_set {
         return fd >= 0 && fd / bits_per_word < words_used_ && (words_[fd / bits_per_word] & bit_of(fd)) != 0;
     }
 
-    // select() for reading; NULL waits without limit. What it returns; the set then holds the readable descriptors.
+    // select() for reading; NULL waits without limit. What it returns; the set then holds the readable descriptors, and
+    // is as it was when it failed.
     int wait(struct timeval *timeout) noexcept {
         return ::select(highest_ + 1, reinterpret_cast<fd_set *>(words_), nullptr, nullptr, timeout);
     }

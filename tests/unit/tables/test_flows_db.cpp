@@ -158,7 +158,7 @@ TEST_F(flows_db_test, init_of_uninitialised_memory_works) {
 
 TEST_F(flows_db_test, init_does_not_look_at_the_pools_result_and_adds_find_no_resources) {
     auto other = std::make_unique<flows_db>();
-    memset(other.get(), 0xA5, sizeof(flows_db));
+    memcpy(other.get(), db.get(), sizeof(flows_db)); // a pool that must not be taken for the new one
     ASSERT_EQ(kr_soft_fault_set("cl_qpool_init", 0, CL_INSUFFICIENT_MEMORY, 0), KR_STATUS_SUCCESS);
     EXPECT_EQ(flows_db_init(other.get(), 4), KR_SDN_HAL_STATUS_SUCCESS);
     const flow_entry entry = entry_of(1, 1);
