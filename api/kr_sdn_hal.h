@@ -483,14 +483,41 @@ KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_event_ack(const hal_event_recor
 
 /* ---- ports ----------------------------------------------------------------------------------------------------- */
 
+/*
+ * A port is named by its OF port: 0 to 65279 (0xFEFF), assigned when the connector adds the port and reported in
+ * EVENT_PORT_CAPABILITIES_UPDATE. At most 100 ports exist at a time. The list of the ports and their capabilities come
+ * from the library's own port database; everything else is done by the port plug-in of the system profile, which gets
+ * the port number as the client gave it and decides what it refuses.
+ *
+ * Of all functions of this section, unless one says otherwise:
+ *
+ * SUCCESS               it is done, or the output is written.
+ * NOT_INITIALIZED       no port plug-in is loaded: before kr_sdn_hal_init or after kr_sdn_hal_deinit; nothing was
+ *                       changed.
+ * PARAM_NULL            a pointer that must not be NULL is; neither plug-in nor database was asked.
+ * PARAM_EXCEEDS_RANGE   a value lies outside the range given here; the plug-in was not asked.
+ * any other             the plug-in's answer, unchanged; an output then holds what the plug-in left there.
+ *
+ * The functions take no lock and may be called from any thread; the plug-in serialises what it has to. None may be
+ * called while kr_sdn_hal_deinit runs, and the two that read the port database not while the connector adds or removes
+ * a port: from the thread that receives the events and acknowledges removals they are safe.
+ */
+
+/* What is asked of a port. PORT_ADMIN_NA is passed on like the others; what it means is the plug-in's affair. */
 typedef enum port_admin_state { PORT_ADMIN_NA = 0, PORT_ADMIN_DOWN = 1, PORT_ADMIN_UP = 2 } port_admin_state;
+
+/* What a port is. */
 typedef enum port_oper_state { PORT_OPER_NA = 0, PORT_OPER_DOWN = 1, PORT_OPER_UP = 2 } port_oper_state;
+
+/* What spanning tree lets a port do. */
 typedef enum port_stp_state {
     PORT_STP_NA = 0,
     PORT_STP_DISCARDING = 1,
     PORT_STP_LEARNING = 2,
     PORT_STP_FORWARDING = 3
 } port_stp_state;
+
+/* Bytes, both included. */
 enum { PORT_MTU_MIN = 68, PORT_MTU_MAX = 10000 };
 
 /* Speeds that a port may negotiate, each 0 or 1. */
@@ -514,32 +541,180 @@ typedef struct port_mac_address {
     uint8_t bytes[6]; /* network order */
 } port_mac_address;
 
+/* Counts since the port was made or its counters were cleared. rx: into the switch; tx: out of it. */
 typedef struct port_counters {
     uint64_t rx_packets, tx_packets;
     uint64_t rx_bytes, tx_bytes;
-    uint64_t rx_dropped, tx_dropped;
-    uint64_t rx_errors, tx_errors;
+    uint64_t rx_dropped, tx_dropped; /* packets without an error that were not handed on */
+    uint64_t rx_errors, tx_errors;   /* packets; those of the next three are among rx_errors */
     uint64_t rx_frame_errors, rx_overrun_errors, rx_crc_errors;
     uint64_t collisions;
 } port_counters;
 
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_arr_get(uint32_t *ports, uint32_t *count);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_capabilities_get(uint32_t port, uint32_t *port_capabilities);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_state_set(uint32_t port, int32_t admin_state);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_state_get(uint32_t port, int32_t *admin_state, int32_t *oper_state);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_rstp_state_set(uint32_t port, int32_t stp_state);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_rstp_state_get(uint32_t port, int32_t *stp_state);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_phys_addr_get(uint32_t port, port_mac_address *mac_address);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_speed_set(uint32_t port, const port_speed_admin *admin_speed);
+/* clang-format off */
+/*               record            field            offset size */
+KR_SDN_HAL_FIELD(port_speed_admin, speed_1g,             0,  4);
+KR_SDN_HAL_FIELD(port_speed_admin, speed_10g,            4,  4);
+KR_SDN_HAL_FIELD(port_speed_admin, speed_40g,            8,  4);
+KR_SDN_HAL_FIELD(port_speed_admin, speed_100g,          12,  4);
+KR_SDN_HAL_SIZE( port_speed_admin,                          16);
+KR_SDN_HAL_SIZE( port_mac_address,                           6);
+KR_SDN_HAL_FIELD(port_counters,    rx_packets,           0,  8);
+KR_SDN_HAL_FIELD(port_counters,    tx_packets,           8,  8);
+KR_SDN_HAL_FIELD(port_counters,    rx_bytes,            16,  8);
+KR_SDN_HAL_FIELD(port_counters,    tx_bytes,            24,  8);
+KR_SDN_HAL_FIELD(port_counters,    rx_dropped,          32,  8);
+KR_SDN_HAL_FIELD(port_counters,    tx_dropped,          40,  8);
+KR_SDN_HAL_FIELD(port_counters,    rx_errors,           48,  8);
+KR_SDN_HAL_FIELD(port_counters,    tx_errors,           56,  8);
+KR_SDN_HAL_FIELD(port_counters,    rx_frame_errors,     64,  8);
+KR_SDN_HAL_FIELD(port_counters,    rx_overrun_errors,   72,  8);
+KR_SDN_HAL_FIELD(port_counters,    rx_crc_errors,       80,  8);
+KR_SDN_HAL_FIELD(port_counters,    collisions,          88,  8);
+KR_SDN_HAL_SIZE( port_counters,                             96);
+/* clang-format on */
+
+/*
+ * Lists the ports, or counts them.
+ *
+ * ports  out: OF ports in rising order; NULL to count only.
+ * count  in: how many `ports` has room for; out: how many were written. With ports NULL or 0 on entry it receives the
+ *        number of ports, and nothing else is written.
+ *
+ * SUCCESS     also when there are more ports than room: the lowest were written.
+ * PARAM_NULL  count is NULL.
+ *
+ * Works in every stage; there are no ports before the connector adds one.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_arr_get(uint32_t *ports, uint32_t *count) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Reads the capabilities word of a port.
+ *
+ * port               in: OF port.
+ * port_capabilities  out: 0 for a port that the connector's port event added.
+ *
+ * ENTRY_NOT_FOUND  there is no such port; *port_capabilities is unchanged.
+ * PARAM_NULL       port_capabilities is NULL.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_capabilities_get(uint32_t port,
+                                                                  uint32_t *port_capabilities) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Sets the administrative state of a port.
+ *
+ * port         in: OF port.
+ * admin_state  in: a port_admin_state; PARAM_EXCEEDS_RANGE for a value outside 0 to 2.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_state_set(uint32_t port, int32_t admin_state) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Reads the administrative and the operational state of a port, in this order.
+ *
+ * port         in: OF port.
+ * admin_state  out: a port_admin_state; NULL: not wanted.
+ * oper_state   out: a port_oper_state; NULL: not wanted.
+ *
+ * SUCCESS    also when neither is wanted; the plug-in is not asked then.
+ * any other  of the read that failed. If that is the first one, the second was not made and *oper_state is unchanged.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_state_get(uint32_t port, int32_t *admin_state,
+                                                           int32_t *oper_state) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Sets the spanning-tree state of a port.
+ *
+ * port       in: OF port.
+ * stp_state  in: a port_stp_state; PARAM_EXCEEDS_RANGE for a value outside 0 to 3.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_rstp_state_set(uint32_t port, int32_t stp_state) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Reads the spanning-tree state of a port.
+ *
+ * port       in: OF port.
+ * stp_state  out: a port_stp_state; PARAM_NULL for NULL.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_rstp_state_get(uint32_t port, int32_t *stp_state) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Reads the MAC address of a port.
+ *
+ * port         in: OF port.
+ * mac_address  out: the address; PARAM_NULL for NULL.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_phys_addr_get(uint32_t port,
+                                                               port_mac_address *mac_address) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Sets the speeds that a port may negotiate.
+ *
+ * port         in: OF port.
+ * admin_speed  in: the flags; PARAM_NULL for NULL, PARAM_EXCEEDS_RANGE when a flag is neither 0 nor 1.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_speed_set(uint32_t port,
+                                                           const port_speed_admin *admin_speed) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Reads the speeds that a port may negotiate and the speed that it has, in this order.
+ *
+ * port         in: OF port.
+ * admin_speed  out: the flags; NULL: not wanted.
+ * oper_speed   out: Mb/s; NULL: not wanted.
+ *
+ * SUCCESS    also when neither is wanted; the plug-in is not asked then.
+ * any other  of the read that failed. If that is the first one, the second was not made and *oper_speed is unchanged.
+ */
 KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_speed_get(uint32_t port, port_speed_admin *admin_speed,
-                                                           uint32_t *oper_speed);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_speed_capability_get(uint32_t port, uint32_t *speed_capability);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_flood_mode_set(uint32_t port, uint32_t mode);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_flood_mode_get(uint32_t port, uint32_t *mode);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_mtu_set(uint32_t port, uint16_t mtu);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_mtu_get(uint32_t port, uint16_t *mtu);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_cntr_get(uint32_t port, port_counters *counters);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_cntr_clear(uint32_t port, int32_t all_ports);
+                                                           uint32_t *oper_speed) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Reads which speeds a port is capable of.
+ *
+ * port              in: OF port.
+ * speed_capability  out: PORT_SPEED_CAPABILITY_ bits; PARAM_NULL for NULL.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status
+kr_sdn_hal_port_speed_capability_get(uint32_t port, uint32_t *speed_capability) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Does nothing: a port is flooded to as soon as it exists. Always SUCCESS, also for a port that does not exist; nothing
+ * is written to *mode, which may be NULL.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_flood_mode_set(uint32_t port, uint32_t mode) KR_SDN_HAL_NOEXCEPT;
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_flood_mode_get(uint32_t port, uint32_t *mode) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Sets the MTU of a port.
+ *
+ * port  in: OF port.
+ * mtu   in: bytes; PARAM_EXCEEDS_RANGE for a value outside PORT_MTU_MIN to PORT_MTU_MAX.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_mtu_set(uint32_t port, uint16_t mtu) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Reads the MTU of a port.
+ *
+ * port  in: OF port.
+ * mtu   out: bytes; PARAM_NULL for NULL.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_mtu_get(uint32_t port, uint16_t *mtu) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Reads the counters of a port.
+ *
+ * port      in: OF port.
+ * counters  out: the counts; PARAM_NULL for NULL.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_cntr_get(uint32_t port, port_counters *counters) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Starts the counters of a port, or of all ports, at 0 again.
+ *
+ * port       in: OF port.
+ * all_ports  in: 0 this port, 1 all ports; PARAM_EXCEEDS_RANGE for another value.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_cntr_clear(uint32_t port, int32_t all_ports) KR_SDN_HAL_NOEXCEPT;
 
 /* ---- flow tables ----------------------------------------------------------------------------------------------- */
 

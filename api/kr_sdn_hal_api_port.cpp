@@ -42,7 +42,7 @@ kr_sdn_hal_status logged(kr_sdn_hal_status status, const char *failure_text) {
 
 } // namespace
 
-kr_sdn_hal_status kr_sdn_hal_port_arr_get(uint32_t *ports, uint32_t *count) {
+kr_sdn_hal_status kr_sdn_hal_port_arr_get(uint32_t *ports, uint32_t *count) noexcept {
     if (count == nullptr) {
         return logged(KR_SDN_HAL_STATUS_PARAM_NULL, "<port_arr> param is NULL.");
     }
@@ -52,7 +52,7 @@ kr_sdn_hal_status kr_sdn_hal_port_arr_get(uint32_t *ports, uint32_t *count) {
     return logged(port_get_arr(ports, count), "port_get_arr failed.");
 }
 
-kr_sdn_hal_status kr_sdn_hal_port_capabilities_get(uint32_t port, uint32_t *port_capabilities) {
+kr_sdn_hal_status kr_sdn_hal_port_capabilities_get(uint32_t port, uint32_t *port_capabilities) noexcept {
     if (port_capabilities == nullptr) {
         return logged(KR_SDN_HAL_STATUS_PARAM_NULL, "<port_cap> param is NULL.");
     }
@@ -64,7 +64,7 @@ kr_sdn_hal_status kr_sdn_hal_port_capabilities_get(uint32_t port, uint32_t *port
     return logged(status, "port_get failed.");
 }
 
-kr_sdn_hal_status kr_sdn_hal_port_state_set(uint32_t port, int32_t admin_state) {
+kr_sdn_hal_status kr_sdn_hal_port_state_set(uint32_t port, int32_t admin_state) noexcept {
     if (admin_state < PORT_ADMIN_NA || admin_state > PORT_ADMIN_UP) {
         HAL_ERROR("<admin_state> param [%s] exceeds range.", admin_state_name(admin_state));
         return KR_SDN_HAL_STATUS_PARAM_EXCEEDS_RANGE;
@@ -72,7 +72,7 @@ kr_sdn_hal_status kr_sdn_hal_port_state_set(uint32_t port, int32_t admin_state) 
     return logged(fpt_port_state_set(port, static_cast<uint32_t>(admin_state)), "fpt_port_state_set failed.");
 }
 
-kr_sdn_hal_status kr_sdn_hal_port_state_get(uint32_t port, int32_t *admin_state, int32_t *oper_state) {
+kr_sdn_hal_status kr_sdn_hal_port_state_get(uint32_t port, int32_t *admin_state, int32_t *oper_state) noexcept {
     kr_sdn_hal_status status = KR_SDN_HAL_STATUS_SUCCESS;
     if (admin_state != nullptr) {
         status = logged(fpt_port_state_get(port, admin_state), "fpt_port_state_get failed.");
@@ -83,7 +83,7 @@ kr_sdn_hal_status kr_sdn_hal_port_state_get(uint32_t port, int32_t *admin_state,
     return status;
 }
 
-kr_sdn_hal_status kr_sdn_hal_port_rstp_state_set(uint32_t port, int32_t stp_state) {
+kr_sdn_hal_status kr_sdn_hal_port_rstp_state_set(uint32_t port, int32_t stp_state) noexcept {
     if (stp_state < PORT_STP_NA || stp_state > PORT_STP_FORWARDING) {
         HAL_ERROR("STP port state [%s] exceeds range.", admin_state_name(stp_state));
         return KR_SDN_HAL_STATUS_PARAM_EXCEEDS_RANGE;
@@ -91,21 +91,21 @@ kr_sdn_hal_status kr_sdn_hal_port_rstp_state_set(uint32_t port, int32_t stp_stat
     return logged(fpt_rstp_port_state_set(port, static_cast<uint32_t>(stp_state)), "fpt_rstp_port_state_set failed.");
 }
 
-kr_sdn_hal_status kr_sdn_hal_port_rstp_state_get(uint32_t port, int32_t *stp_state) {
+kr_sdn_hal_status kr_sdn_hal_port_rstp_state_get(uint32_t port, int32_t *stp_state) noexcept {
     if (stp_state == nullptr) {
         return logged(KR_SDN_HAL_STATUS_PARAM_NULL, "<port_state> param is NULL.");
     }
     return logged(fpt_rstp_port_state_get(port, stp_state), "fpt_rstp_port_state_get failed.");
 }
 
-kr_sdn_hal_status kr_sdn_hal_port_phys_addr_get(uint32_t port, port_mac_address *mac_address) {
+kr_sdn_hal_status kr_sdn_hal_port_phys_addr_get(uint32_t port, port_mac_address *mac_address) noexcept {
     if (mac_address == nullptr) {
         return logged(KR_SDN_HAL_STATUS_PARAM_NULL, "<mac_addr> param is NULL.");
     }
     return logged(fpt_port_phys_addr_get(port, mac_address), "fpt_port_phys_addr_get failed.");
 }
 
-kr_sdn_hal_status kr_sdn_hal_port_speed_set(uint32_t port, const port_speed_admin *admin_speed) {
+kr_sdn_hal_status kr_sdn_hal_port_speed_set(uint32_t port, const port_speed_admin *admin_speed) noexcept {
     if (admin_speed == nullptr) {
         return logged(KR_SDN_HAL_STATUS_PARAM_NULL, "<admin_speed> param is NULL.");
     }
@@ -117,7 +117,8 @@ kr_sdn_hal_status kr_sdn_hal_port_speed_set(uint32_t port, const port_speed_admi
     return logged(fpt_port_speed_admin_set(port, speed), "fpt_port_speed_admin_set failed.");
 }
 
-kr_sdn_hal_status kr_sdn_hal_port_speed_get(uint32_t port, port_speed_admin *admin_speed, uint32_t *oper_speed) {
+kr_sdn_hal_status kr_sdn_hal_port_speed_get(uint32_t port, port_speed_admin *admin_speed,
+                                            uint32_t *oper_speed) noexcept {
     kr_sdn_hal_status status = KR_SDN_HAL_STATUS_SUCCESS;
     if (admin_speed != nullptr) {
         status = logged(fpt_port_speed_admin_get(port, admin_speed), "fpt_port_speed_admin_get failed.");
@@ -128,22 +129,22 @@ kr_sdn_hal_status kr_sdn_hal_port_speed_get(uint32_t port, port_speed_admin *adm
     return status;
 }
 
-kr_sdn_hal_status kr_sdn_hal_port_speed_capability_get(uint32_t port, uint32_t *speed_capability) {
+kr_sdn_hal_status kr_sdn_hal_port_speed_capability_get(uint32_t port, uint32_t *speed_capability) noexcept {
     if (speed_capability == nullptr) {
         return logged(KR_SDN_HAL_STATUS_PARAM_NULL, "<speed_capability> param is NULL.");
     }
     return logged(fpt_port_speed_cabability_get(port, speed_capability), "fpt_port_speed_cabability_get failed.");
 }
 
-kr_sdn_hal_status kr_sdn_hal_port_flood_mode_set(uint32_t, uint32_t) {
+kr_sdn_hal_status kr_sdn_hal_port_flood_mode_set(uint32_t, uint32_t) noexcept {
     return KR_SDN_HAL_STATUS_SUCCESS;
 }
 
-kr_sdn_hal_status kr_sdn_hal_port_flood_mode_get(uint32_t, uint32_t *) {
+kr_sdn_hal_status kr_sdn_hal_port_flood_mode_get(uint32_t, uint32_t *) noexcept {
     return KR_SDN_HAL_STATUS_SUCCESS;
 }
 
-kr_sdn_hal_status kr_sdn_hal_port_mtu_set(uint32_t port, uint16_t mtu) {
+kr_sdn_hal_status kr_sdn_hal_port_mtu_set(uint32_t port, uint16_t mtu) noexcept {
     if (mtu < PORT_MTU_MIN || mtu > PORT_MTU_MAX) {
         HAL_ERROR("<port_mtu> param [%d] exceeds range.", mtu);
         return KR_SDN_HAL_STATUS_PARAM_EXCEEDS_RANGE;
@@ -151,21 +152,21 @@ kr_sdn_hal_status kr_sdn_hal_port_mtu_set(uint32_t port, uint16_t mtu) {
     return logged(fpt_port_mtu_set(port, mtu), "fpt_port_mtu_set failed.");
 }
 
-kr_sdn_hal_status kr_sdn_hal_port_mtu_get(uint32_t port, uint16_t *mtu) {
+kr_sdn_hal_status kr_sdn_hal_port_mtu_get(uint32_t port, uint16_t *mtu) noexcept {
     if (mtu == nullptr) {
         return logged(KR_SDN_HAL_STATUS_PARAM_NULL, "<port_mtu> param is NULL.");
     }
     return logged(fpt_port_mtu_get(port, mtu), "fpt_port_mtu_get failed.");
 }
 
-kr_sdn_hal_status kr_sdn_hal_port_cntr_get(uint32_t port, port_counters *counters) {
+kr_sdn_hal_status kr_sdn_hal_port_cntr_get(uint32_t port, port_counters *counters) noexcept {
     if (counters == nullptr) {
         return logged(KR_SDN_HAL_STATUS_PARAM_NULL, "<port_cntr> param is NULL.");
     }
     return logged(fpt_port_cntr_get(port, counters), "fpt_port_cntr_get failed.");
 }
 
-kr_sdn_hal_status kr_sdn_hal_port_cntr_clear(uint32_t port, int32_t all_ports) {
+kr_sdn_hal_status kr_sdn_hal_port_cntr_clear(uint32_t port, int32_t all_ports) noexcept {
     if (!is_flag(all_ports)) {
         HAL_ERROR("<all_port> param [%d] exceeds range.", all_ports);
         return KR_SDN_HAL_STATUS_PARAM_EXCEEDS_RANGE;
