@@ -674,8 +674,8 @@ KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_speed_get(uint32_t port, port_s
  * port              in: OF port.
  * speed_capability  out: PORT_SPEED_CAPABILITY_ bits; PARAM_NULL for NULL.
  */
-KR_SDN_HAL_API kr_sdn_hal_status
-kr_sdn_hal_port_speed_capability_get(uint32_t port, uint32_t *speed_capability) KR_SDN_HAL_NOEXCEPT;
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_speed_capability_get(uint32_t port,
+                                                                      uint32_t *speed_capability) KR_SDN_HAL_NOEXCEPT;
 
 /*
  * Does nothing: a port is flooded to as soon as it exists. Always SUCCESS, also for a port that does not exist; nothing
