@@ -45,6 +45,27 @@ flow_record make_port_flow(uint64_t id, uint32_t priority, uint32_t in_port, flo
     return flow;
 }
 
+constexpr uint16_t trunk_vlan = 100;
+
+// Onto the trunk: what enters by a port leaves by another with a tag.
+flow_record tag_flow(uint64_t id, uint32_t in_port, uint32_t out_port) {
+    flow_record flow = make_port_flow(id, 160, in_port, FLOW_ACTION_OUTPUT, out_port);
+    flow.vlan_action = FLOW_VLAN_PUSH_VID;
+    flow.vlan_action_vid = trunk_vlan;
+    return flow;
+}
+
+// Off the trunk: only frames with the tag, which is popped.
+flow_record untag_flow(uint64_t id, uint32_t in_port, uint32_t out_port) {
+    flow_record flow = make_port_flow(id, 160, in_port, FLOW_ACTION_OUTPUT, out_port);
+    flow.vlan_tagged = 1;
+    flow.vlan_tagged_mask = 1;
+    flow.vlan_id = trunk_vlan;
+    flow.vlan_id_mask = 0x0FFF;
+    flow.vlan_action = FLOW_VLAN_POP;
+    return flow;
+}
+
 void add(std::vector<flow_record> flows) {
     require(kr_sdn_hal_table_entry_set(KR_SDN_HAL_CMD_ADD, table, flows.data(), static_cast<uint32_t>(flows.size())),
             "add flows");
@@ -107,17 +128,20 @@ struct scene {
     report out;
     switch_client hal;
     host h1{1}, h2{2}, h3{3};
-    uint32_t p1 = 0, p2 = 0, p3 = 0;
+    uint32_t p1 = 0, p2 = 0, p3 = 0; // to the hosts
+    uint32_t p4 = 0, p5 = 0;         // joined by a cable
     unsigned seed;
 };
 
 void show_switch(scene &s) {
     s.out.title("The switch");
-    s.out.step("the library is up: ready event and three ports", [&] {
-        s.hal.start(3);
+    s.out.step("the library is up: ready event and five ports", [&] {
+        s.hal.start(5);
         s.p1 = s.hal.of_port("s1-eth1");
         s.p2 = s.hal.of_port("s1-eth2");
         s.p3 = s.hal.of_port("s1-eth3");
+        s.p4 = s.hal.of_port("s1-eth4");
+        s.p5 = s.hal.of_port("s1-eth5");
         return std::string();
     });
     for (const port &p : s.hal.ports()) {
@@ -249,23 +273,14 @@ void show_actions(scene &s) {
         expect(got >= 1, "h1 received nothing");
         return std::string("h1 received it");
     });
-    s.out.step("VLAN: a tag is pushed towards h2 and popped on the way back", [&] {
-        flow_record push = make_port_flow(7, 160, s.p1, FLOW_ACTION_OUTPUT, s.p2);
-        push.ipv4_dst = 0x0A006402; // 10.0.100.2, in ARP too
-        push.ipv4_dst_mask = 0xFFFFFFFF;
-        push.vlan_action = FLOW_VLAN_PUSH_VID;
-        push.vlan_action_vid = 100;
-        flow_record pop = make_port_flow(8, 160, s.p2, FLOW_ACTION_OUTPUT, s.p1);
-        pop.vlan_tagged = 1;
-        pop.vlan_tagged_mask = 1;
-        pop.vlan_id = 100;
-        pop.vlan_id_mask = 0x0FFF;
-        pop.vlan_action = FLOW_VLAN_POP;
-        add({push, pop});
-        const std::string result = expect_pings(s.h1, "10.0.100.2", 10, 10);
+    s.out.step("VLAN: h1 and h2 talk over a trunk, tagged with VLAN 100", [&] {
+        add({tag_flow(7, s.p1, s.p4), untag_flow(8, s.p5, s.p2), tag_flow(9, s.p2, s.p5), untag_flow(10, s.p4, s.p1)});
+        const std::string result = expect_pings(s.h1, s.h2.address(), 10, 10);
         const uint64_t pushed = stats_of(7).count_first;
-        remove({7, 8});
-        return text("%s on VLAN 100, %llu tags pushed", result.c_str(), static_cast<unsigned long long>(pushed));
+        const uint64_t popped = stats_of(8).count_first;
+        remove({7, 8, 9, 10});
+        expect(pushed >= 10 && popped == pushed, "the trunk did not carry every frame with its tag");
+        return text("%s, %llu tags pushed and popped", result.c_str(), static_cast<unsigned long long>(pushed));
     });
 }
 
@@ -341,7 +356,7 @@ void show_end(scene &s) {
         s.hal.remove_port("s1-eth3");
         uint32_t count = 0;
         require(kr_sdn_hal_port_arr_get(nullptr, &count), "count the ports");
-        expect(count == 2, text("%u ports are left", count));
+        expect(count == 4, text("%u ports are left", count));
         return text("%u ports left", count);
     });
     s.out.step("the others follow; the switch stops, the library ends", [&] {
