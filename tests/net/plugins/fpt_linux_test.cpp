@@ -19,6 +19,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <thread>
 
 #include "fake_platform.h"
@@ -80,6 +81,22 @@ uint64_t json_number(const std::string &json, const std::string &section, const 
 
 std::string ip_link(const std::string &name) {
     return run("ip -s -s -j link show dev " + name);
+}
+
+// The kernel settles operational state and queues a while after a link has come up, and drops frames before. Waits
+// until ip says so; the state is ip's word for it.
+void wait_for_operstate(const std::string &name, const std::string &state) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    const std::string wanted = "\"operstate\":\"" + state + "\"";
+    std::string json;
+    do {
+        json = ip_link(name);
+        if (json.find(wanted) != std::string::npos &&
+            (state == "DOWN" || json.find("\"qdisc\":\"noop\"") == std::string::npos)) {
+            return;
+        }
+    } while (std::chrono::steady_clock::now() < deadline);
+    FAIL() << name << " is not " << state << ": " << json;
 }
 
 port_counters counters_of_ip(const std::string &name) {
@@ -148,6 +165,8 @@ class fpt_linux_test : public testing::Test {
     static void set_up() {
         run("ip link set sw1 up");
         run("ip link set sw1p up");
+        wait_for_operstate("sw1", "UP");
+        wait_for_operstate("sw1p", "UP");
     }
     // Opens a TAP interface and maps it; an empty descriptor where that is not allowed.
     static unique_fd open_tap() {
@@ -187,20 +206,21 @@ TEST_F(fpt_linux_test, admin_state_is_set_and_read) {
 }
 
 TEST_F(fpt_linux_test, oper_state_of_a_veth_needs_both_ends) {
-    int32_t state = -1;
-    EXPECT_EQ(fpt().port_oper_state_get(veth_port, &state), 0U);
-    EXPECT_EQ(state, PORT_OPER_DOWN);
-    run("ip link set sw1 up");
-    EXPECT_EQ(fpt().port_oper_state_get(veth_port, &state), 0U);
-    EXPECT_EQ(state, PORT_OPER_DOWN);
-    EXPECT_THAT(ip_link("sw1"), HasSubstr("\"operstate\":\"LOWERLAYERDOWN\""));
-    run("ip link set sw1p up");
-    EXPECT_EQ(fpt().port_oper_state_get(veth_port, &state), 0U);
-    EXPECT_EQ(state, PORT_OPER_UP);
-    EXPECT_THAT(ip_link("sw1"), HasSubstr("\"operstate\":\"UP\""));
-    run("ip link set sw1p down");
-    EXPECT_EQ(fpt().port_oper_state_get(veth_port, &state), 0U);
-    EXPECT_EQ(state, PORT_OPER_DOWN);
+    constexpr struct {
+        const char *command;
+        const char *ip_says;
+        port_oper_state state;
+    } rows[] = {{"ip link set sw1 down", "DOWN", PORT_OPER_DOWN},
+                {"ip link set sw1 up", "LOWERLAYERDOWN", PORT_OPER_DOWN},
+                {"ip link set sw1p up", "UP", PORT_OPER_UP},
+                {"ip link set sw1p down", "LOWERLAYERDOWN", PORT_OPER_DOWN}};
+    for (const auto &row : rows) {
+        run(row.command);
+        ASSERT_NO_FATAL_FAILURE(wait_for_operstate("sw1", row.ip_says));
+        int32_t state = -1;
+        EXPECT_EQ(fpt().port_oper_state_get(veth_port, &state), 0U);
+        EXPECT_EQ(state, row.state) << row.command;
+    }
 }
 
 TEST_F(fpt_linux_test, oper_state_where_the_driver_keeps_none) {
@@ -209,7 +229,7 @@ TEST_F(fpt_linux_test, oper_state_where_the_driver_keeps_none) {
     EXPECT_EQ(fpt().port_oper_state_get(tap_port, &state), 0U);
     EXPECT_EQ(state, PORT_OPER_DOWN);
     EXPECT_EQ(fpt().port_state_set(tap_port, PORT_ADMIN_UP), 0U);
-    EXPECT_THAT(ip_link("tap0"), HasSubstr("\"operstate\":\"UNKNOWN\""));
+    wait_for_operstate("tap0", "UNKNOWN");
     EXPECT_EQ(fpt().port_oper_state_get(tap_port, &state), 0U);
     EXPECT_EQ(state, PORT_OPER_UP);
     run("ip link set lo down");
@@ -280,6 +300,7 @@ TEST_F(fpt_linux_test, counters_agree_with_ip_on_veth) {
 TEST_F(fpt_linux_test, counters_agree_with_ip_on_tap) {
     OPEN_TAP_OR_SKIP(tap);
     run("ip link set tap0 up");
+    wait_for_operstate("tap0", "UNKNOWN");
     send_frames("tap0", 5, 100);
     const std::string frame(300, '\0');
     for (int i = 0; i < 3; ++i) {
