@@ -718,23 +718,208 @@ KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_cntr_clear(uint32_t port, int32
 
 /* ---- flow tables ----------------------------------------------------------------------------------------------- */
 
+/*
+ * There is one table, Table 0: 1000 rules in hardware. A frame takes the matching flow of the highest priority; which
+ * one of several with the same priority it takes is open. The table can be used between the start of the switch
+ * (EVENT_GENERAL_READY) and its stop, which takes all flows with it; before and after that, flow functions return
+ * ERROR.
+ *
+ * A flow is known by its id, which the client chooses. The first flows get a hardware counter each, 128 of them at a
+ * time; a flow that is added when all are taken works like any other but its statistics stay 0. Deleting a flow that
+ * has a counter frees it for a flow that is added later.
+ *
+ * Flow functions may be called from any thread. An entry set holds the table for its whole batch; reads wait for it,
+ * and run beside each other. Group functions take no lock: do not edit or delete a group from two threads at once.
+ *
+ * The counts given must be those of the arrays; nothing here can check them. More than 134217727 flows in one entry set
+ * or entry get are refused with ERROR before any memory is touched.
+ */
+
+/*
+ * Adds or deletes a batch of flows.
+ *
+ * command     in: KR_SDN_HAL_CMD_ADD or KR_SDN_HAL_CMD_DELETE.
+ * table       in: 0.
+ * flows       in/out: the flows, one after the other. A delete looks at flow_id alone. For a flow that the table
+ *             already holds, `priority` is overwritten with the one it was added with; nothing else is written.
+ * flow_count  in: how many; 0 succeeds and does nothing.
+ *
+ * SUCCESS               all flows were added; or all flows named are gone, those that the table never held included.
+ * PARAM_NULL            flows is NULL; nothing was changed.
+ * PARAM_ERROR           there is no such table; or an add whose first flow has FLOW_ACTION_OUTPUT_ALL. Nothing was
+ *                       changed. (Behind the first flow that action is not noticed, and the flow is as one with
+ *                       FLOW_ACTION_NONE.)
+ * NOT_INITIALIZED       the library is not initialised; nothing was changed.
+ * CMD_UNSUPPORTED       another command; there is no modify. Nothing was changed.
+ * ENTRY_ALREADY_EXISTS  the table holds one of the flows: nothing was changed. Or an id comes twice in the batch, or
+ *                       was part of an add that failed: see below.
+ * ENTRY_NOT_FOUND       an ingress or output port of an added flow is not in the port database: see below. On delete:
+ *                       the place of a flow was lost, by an earlier failure or because its id comes twice in the batch.
+ * PARAM_EXCEEDS_RANGE   an added flow has a priority above 65535: see below.
+ * NO_RESOURCES          the table or the hardware has no room for one of the flows: see below.
+ * ERROR                 the switch is not started, there is no memory, or a call of the hardware failed: see below.
+ *
+ * An add gives every flow of the batch its place first, and installs the flows in order then. It ends at the first
+ * flow that fails and takes nothing back:
+ * - if a flow gets no place, no rule was installed, but the flows before it keep theirs;
+ * - if a flow cannot be installed, those before it are in hardware and forward frames, and all keep their places.
+ * Either way none of the batch's flows that kept a place is known to the table: it can be neither read nor deleted, nor
+ * added under the same id, and its place is not free, until the switch is stopped. A client that has to know which
+ * flow is at fault adds flows one by one.
+ *
+ * A delete ends at the first flow that fails as well: the rules of those before it are gone from hardware, but the
+ * table still knows all flows of the batch. To delete them again fails at the first one whose place is gone.
+ */
 KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_table_entry_set(uint32_t command, uint32_t table, flow_record *flows,
-                                                            uint32_t flow_count);
+                                                            uint32_t flow_count) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Reads flows back from hardware.
+ *
+ * table       in: 0.
+ * flow_start  in: 0.
+ * flow_ids    in: the flows to read.
+ * flow_count  in: how many; not written. 0 succeeds and touches nothing.
+ * flows       out: room for *flow_count records; the i-th becomes that of flow_ids[i]. It is rebuilt from the rule:
+ *             booleans come back as 0 or 1, a vlan_action above 6 as 0, and out_port and mc_group_id only where the
+ *             action uses them.
+ *
+ * SUCCESS          all records were written.
+ * CMD_UNSUPPORTED  flow_start is not 0.
+ * PARAM_NULL       a pointer is NULL.
+ * PARAM_ERROR      there is no such table.
+ * NOT_INITIALIZED  the library is not initialised.
+ * ENTRY_NOT_FOUND  the table does not hold one of the flows: no rule was read; the records hold the ids and, of flows
+ *                  that it holds, the priority. Or a rule names a port that is no longer in the port database: the
+ *                  records before it were written.
+ * ERROR            the switch is not started, there is no memory, or a rule could not be read: the records before it
+ *                  were written.
+ *
+ * Unless the first four lines apply, all records were cleared first.
+ */
 KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_table_entry_get(uint32_t table, uint64_t flow_start,
                                                             const uint64_t *flow_ids, uint32_t *flow_count,
-                                                            flow_record *flows);
+                                                            flow_record *flows) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Creates, deletes or edits a multicast group, to which flows forward with FLOW_ACTION_MC_GROUP.
+ *
+ * command     in: KR_SDN_HAL_GROUP_CREATE, _DELETE, _ADD_PORTS or _REMOVE_PORTS.
+ * port_count  in: 0 to 100. 0 creates an empty group; it changes nothing in an edit, and is logged as an error there.
+ * ports       in: OF ports, all of them in the port database. May be NULL for a delete.
+ * group_id    out for a create, in otherwise.
+ *
+ * SUCCESS              the group was created (*group_id is its id) or deleted. For an edit it says that the command
+ *                      was understood, no more: whether it was carried out shows in the log, or by reading the group.
+ * PARAM_NULL           group_id is NULL, or ports is and the command is not a delete.
+ * PARAM_EXCEEDS_RANGE  more than 100 ports; also for a delete.
+ * CMD_UNSUPPORTED      another command.
+ * ENTRY_NOT_FOUND      create: a port is not in the port database. Delete: the group is the one that floods, which
+ *                      belongs to the library.
+ * ERROR                the library is not initialised, or the hardware refused: no room for a group, no such group.
+ *
+ * A create or delete that fails changes nothing. A group is not tied to the flows that forward to it: deleting it
+ * leaves them without a target. Groups outlive the flows, and the stop of the switch: delete them before.
+ */
 KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_table_mcast_group_set(uint32_t command, uint32_t port_count,
-                                                                  const uint32_t *ports, uint32_t *group_id);
+                                                                  const uint32_t *ports,
+                                                                  uint32_t *group_id) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Reads the members of a multicast group.
+ *
+ * group_id    in: the group.
+ * port_count  in: room at `ports`, 1 to 100; out: how many members there are.
+ * ports       out: the members, as OF ports.
+ *
+ * SUCCESS              the members were written.
+ * PARAM_NULL           a pointer is NULL.
+ * PARAM_EXCEEDS_RANGE  *port_count is 0 or above 100.
+ * ENTRY_NOT_FOUND      there is no such group, or it is the one that floods: nothing was written. Or a member is no
+ *                      longer in the port database: the members before it were written, and *port_count is how many
+ *                      there are in all.
+ * ERROR                the library is not initialised, or the hardware refused; with too little room *port_count may
+ *                      tell how many members there are.
+ */
 KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_table_mcast_group_get(uint32_t group_id, uint32_t *port_count,
-                                                                  uint32_t *ports);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_table_capabilities_get(uint32_t *table_count);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_table_table_capabilities_get(uint32_t table,
-                                                                         table_capabilities *table_capabilities_out);
+                                                                  uint32_t *ports) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * How many tables there are: 1, in any stage.
+ *
+ * table_count  out.
+ *
+ * SUCCESS     *table_count was written.
+ * PARAM_NULL  table_count is NULL.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_table_capabilities_get(uint32_t *table_count) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * What a table can do. The answer never changes.
+ *
+ * table                   in: 0.
+ * table_capabilities_out  out.
+ *
+ * SUCCESS          the record was written.
+ * PARAM_ERROR      there is no such table.
+ * PARAM_NULL       table_capabilities_out is NULL.
+ * NOT_INITIALIZED  the library is not initialised.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_table_table_capabilities_get(
+    uint32_t table, table_capabilities *table_capabilities_out) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Whether frames have hit flows since their activity was last read. Reading it clears it.
+ *
+ * table       in: 0.
+ * flow_ids    in: the flows.
+ * flow_count  in: how many, at least 1.
+ * activities  out: one value per flow: FLOW_ACTIVITY_IDLE, _HIT, or _UNKNOWN_FLOW for one that the table does not hold.
+ *
+ * SUCCESS          all values were written.
+ * PARAM_ERROR      there is no such table, or flow_count is 0.
+ * PARAM_NULL       a pointer is NULL.
+ * NOT_INITIALIZED  the library is not initialised.
+ * ERROR            the switch is not started, or a rule could not be read: the values before it were written, and
+ *                  their activity is cleared.
+ */
 KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_table_entry_activity_get(uint32_t table, const uint64_t *flow_ids,
-                                                                     uint32_t flow_count, uint32_t *activities);
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_table_table_stat_get(uint32_t table, table_stats *stats);
+                                                                     uint32_t flow_count,
+                                                                     uint32_t *activities) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Statistics of a table as a whole: how many flows it holds at most.
+ *
+ * table  in: 0.
+ * stats  out.
+ *
+ * SUCCESS          the record was written.
+ * PARAM_ERROR      there is no such table.
+ * PARAM_NULL       stats is NULL.
+ * CMD_UNSUPPORTED  the library was never initialised. After deinit the table still answers.
+ */
+KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_table_table_stat_get(uint32_t table,
+                                                                 table_stats *stats) KR_SDN_HAL_NOEXCEPT;
+
+/*
+ * Counts of frames and bytes that flows have matched since they were added.
+ *
+ * table       in: 0.
+ * flow_ids    in: the flows.
+ * flow_count  in: how many; 0 succeeds, whatever the pointers are.
+ * stats       out: one record per flow; 0 for a flow without a counter.
+ *
+ * SUCCESS          the records were written up to the first flow that the table does not hold; those from there on are
+ *                  0. To tell such a flow from one that nothing has hit, read the activity.
+ * PARAM_ERROR      there is no such table.
+ * PARAM_NULL       a pointer is NULL.
+ * NOT_INITIALIZED  the library is not initialised.
+ * ERROR            the switch is not started, or a counter could not be read: the records before it were written, the
+ *                  others are 0.
+ */
 KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_table_entry_stat_get(uint32_t table, const uint64_t *flow_ids,
-                                                                 uint32_t flow_count, flow_stats *stats);
+                                                                 uint32_t flow_count,
+                                                                 flow_stats *stats) KR_SDN_HAL_NOEXCEPT;
 
 #undef KR_SDN_HAL_FIELD
 #undef KR_SDN_HAL_SIZE

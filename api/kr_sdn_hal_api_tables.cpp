@@ -56,7 +56,7 @@ extern "C" {
 /* ---- flows ----------------------------------------------------------------------------------------------------- */
 
 kr_sdn_hal_status kr_sdn_hal_table_entry_set(uint32_t command, uint32_t table, flow_record *flows,
-                                             uint32_t flow_count) {
+                                             uint32_t flow_count) noexcept {
     TRACE_ENTRY();
     if (flows == nullptr) {
         return parameter_null();
@@ -72,7 +72,7 @@ kr_sdn_hal_status kr_sdn_hal_table_entry_set(uint32_t command, uint32_t table, f
 }
 
 kr_sdn_hal_status kr_sdn_hal_table_entry_get(uint32_t table, uint64_t flow_start, const uint64_t *flow_ids,
-                                             uint32_t *flow_count, flow_record *flows) {
+                                             uint32_t *flow_count, flow_record *flows) noexcept {
     TRACE_ENTRY();
     if (flow_start != 0) {
         HAL_ERROR("flow_start is not supported.");
@@ -98,7 +98,7 @@ kr_sdn_hal_status kr_sdn_hal_table_entry_get(uint32_t table, uint64_t flow_start
 }
 
 kr_sdn_hal_status kr_sdn_hal_table_entry_activity_get(uint32_t table, const uint64_t *flow_ids, uint32_t flow_count,
-                                                      uint32_t *activities) {
+                                                      uint32_t *activities) noexcept {
     TRACE_ENTRY();
     if (!table_exists(table)) {
         return KR_SDN_HAL_STATUS_PARAM_ERROR;
@@ -120,7 +120,7 @@ kr_sdn_hal_status kr_sdn_hal_table_entry_activity_get(uint32_t table, const uint
 }
 
 kr_sdn_hal_status kr_sdn_hal_table_entry_stat_get(uint32_t table, const uint64_t *flow_ids, uint32_t flow_count,
-                                                  flow_stats *stats) {
+                                                  flow_stats *stats) noexcept {
     TRACE_ENTRY();
     if (!table_exists(table)) {
         return KR_SDN_HAL_STATUS_PARAM_ERROR;
@@ -145,7 +145,7 @@ kr_sdn_hal_status kr_sdn_hal_table_entry_stat_get(uint32_t table, const uint64_t
 /* ---- multicast groups ------------------------------------------------------------------------------------------ */
 
 kr_sdn_hal_status kr_sdn_hal_table_mcast_group_set(uint32_t command, uint32_t port_count, const uint32_t *ports,
-                                                   uint32_t *group_id) {
+                                                   uint32_t *group_id) noexcept {
     TRACE_ENTRY();
     if ((command != KR_SDN_HAL_GROUP_DELETE && ports == nullptr) || group_id == nullptr) {
         return parameter_null();
@@ -161,7 +161,7 @@ kr_sdn_hal_status kr_sdn_hal_table_mcast_group_set(uint32_t command, uint32_t po
     return status;
 }
 
-kr_sdn_hal_status kr_sdn_hal_table_mcast_group_get(uint32_t group_id, uint32_t *port_count, uint32_t *ports) {
+kr_sdn_hal_status kr_sdn_hal_table_mcast_group_get(uint32_t group_id, uint32_t *port_count, uint32_t *ports) noexcept {
     TRACE_ENTRY();
     if (port_count == nullptr || ports == nullptr) {
         HAL_ERROR("NULL params");
@@ -176,7 +176,7 @@ kr_sdn_hal_status kr_sdn_hal_table_mcast_group_get(uint32_t group_id, uint32_t *
 
 /* ---- tables ---------------------------------------------------------------------------------------------------- */
 
-kr_sdn_hal_status kr_sdn_hal_table_capabilities_get(uint32_t *table_count) {
+kr_sdn_hal_status kr_sdn_hal_table_capabilities_get(uint32_t *table_count) noexcept {
     TRACE_ENTRY();
     if (table_count == nullptr) {
         return parameter_null();
@@ -186,7 +186,8 @@ kr_sdn_hal_status kr_sdn_hal_table_capabilities_get(uint32_t *table_count) {
     return KR_SDN_HAL_STATUS_SUCCESS;
 }
 
-kr_sdn_hal_status kr_sdn_hal_table_table_capabilities_get(uint32_t table, table_capabilities *table_capabilities_out) {
+kr_sdn_hal_status kr_sdn_hal_table_table_capabilities_get(uint32_t table,
+                                                          table_capabilities *table_capabilities_out) noexcept {
     TRACE_ENTRY();
     if (!table_exists(table)) {
         return KR_SDN_HAL_STATUS_PARAM_ERROR;
@@ -198,7 +199,7 @@ kr_sdn_hal_status kr_sdn_hal_table_table_capabilities_get(uint32_t table, table_
     return tables_capability_get(table, table_capabilities_out);
 }
 
-kr_sdn_hal_status kr_sdn_hal_table_table_stat_get(uint32_t table, table_stats *stats) {
+kr_sdn_hal_status kr_sdn_hal_table_table_stat_get(uint32_t table, table_stats *stats) noexcept {
     TRACE_ENTRY();
     if (!table_exists(table)) {
         return KR_SDN_HAL_STATUS_PARAM_ERROR;

@@ -33,8 +33,8 @@ typedef enum flow_action {
     FLOW_ACTION_OUTPUT = 2,     /* send out of `out_port` */
     FLOW_ACTION_CONTROLLER = 3, /* deliver to the clients as EVENT_PACKET_IN */
     FLOW_ACTION_FLOOD = 4,      /* send to every port but the ingress port */
-    FLOW_ACTION_MC_GROUP = 5,   /* send to the members of group `mc_group_id` */
-    FLOW_ACTION_OUTPUT_ALL = 6  /* refused on add */
+    FLOW_ACTION_MC_GROUP = 5,   /* send to the members of group `mc_group_id`, which is not checked to exist */
+    FLOW_ACTION_OUTPUT_ALL = 6  /* refused on add, in the first flow of a batch */
 } flow_action;
 
 /* VLAN edits; vid and pcp are the operands `vlan_action_vid` and `vlan_action_pcp`. */
@@ -50,11 +50,11 @@ typedef enum flow_vlan_action {
 
 typedef struct flow_record {
     uint64_t flow_id;  /* the client's choice, unique in the table */
-    uint32_t priority; /* 0 to 65535; the highest wins */
+    uint32_t priority; /* 0 to 65535; the highest wins, and among equals it is open which one does */
 
     /* The match: each field is followed by its mask. Numbers are in host order. */
     uint32_t in_port;     /* ingress OF port */
-    uint8_t in_port_mask; /* 0: any port; otherwise in_port exactly */
+    uint8_t in_port_mask; /* 0: any port, and in_port is not looked at; otherwise in_port exactly */
     uint8_t eth_src[6];   /* network order */
     uint8_t eth_src_mask[6];
     uint8_t eth_dst[6];
@@ -104,12 +104,12 @@ typedef struct table_stats {
 } table_stats;
 
 typedef struct table_capabilities {
-    char name[32]; /* NUL-terminated */
-    uint32_t max_entries;
-    uint32_t table_flag;
+    char name[32];            /* NUL-terminated */
+    uint32_t max_entries;     /* flows */
+    uint32_t table_flag;      /* 1 for Table 0 */
     uint64_t instructions;    /* bit n: OpenFlow 1.2 instruction type n */
     uint64_t write_actions;   /* bit n: OpenFlow 1.2 action type n */
-    uint64_t apply_actions;   /* the same */
+    uint64_t apply_actions;   /* as above */
     uint64_t match;           /* bit n: OpenFlow 1.2 basic match field n can be matched */
     uint64_t wildcards;       /* bit n: field n can be a wildcard */
     uint64_t apply_setfields; /* bit n: field n can be set */
@@ -162,10 +162,19 @@ KR_FLOW_FIELD(flow_record,        vlan_action,          96,  4);
 KR_FLOW_FIELD(flow_record,        vlan_action_vid,     100,  2);
 KR_FLOW_FIELD(flow_record,        vlan_action_pcp,     102,  1);
 KR_FLOW_SIZE( flow_record,                                104);
+KR_FLOW_FIELD(flow_stats,         count_first,           0,  8);
+KR_FLOW_FIELD(flow_stats,         count_second,          8,  8);
 KR_FLOW_SIZE( flow_stats,                                  16);
+KR_FLOW_FIELD(table_stats,        max_entries,           0,  4);
 KR_FLOW_SIZE( table_stats,                                 16);
+KR_FLOW_FIELD(table_capabilities, name,                  0, 32);
 KR_FLOW_FIELD(table_capabilities, max_entries,          32,  4);
+KR_FLOW_FIELD(table_capabilities, table_flag,           36,  4);
 KR_FLOW_FIELD(table_capabilities, instructions,         40,  8);
+KR_FLOW_FIELD(table_capabilities, write_actions,        48,  8);
+KR_FLOW_FIELD(table_capabilities, apply_actions,        56,  8);
+KR_FLOW_FIELD(table_capabilities, match,                64,  8);
+KR_FLOW_FIELD(table_capabilities, wildcards,            72,  8);
 KR_FLOW_FIELD(table_capabilities, apply_setfields,      80,  8);
 KR_FLOW_SIZE( table_capabilities,                          88);
 /* clang-format on */
