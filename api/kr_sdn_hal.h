@@ -55,16 +55,10 @@ enum {
 #endif
     KR_SDN_HAL_STATUS_SUCCESS = 0,
     KR_SDN_HAL_STATUS_ERROR = 1, /* a call of the platform failed, memory ran out, a wait failed */
-    KR_SDN_HAL_STATUS_SDK_ERROR = 2,
-    KR_SDN_HAL_STATUS_NOT_INITIALIZED = 3,
-    KR_SDN_HAL_STATUS_ENTRY_NOT_FOUND = 4,
-    KR_SDN_HAL_STATUS_ENTRY_ALREADY_EXISTS = 5,
-    KR_SDN_HAL_STATUS_CMD_UNSUPPORTED = 6,
-    KR_SDN_HAL_STATUS_PARAM_ERROR = 7,
-    KR_SDN_HAL_STATUS_PARAM_NULL = 8,
-    KR_SDN_HAL_STATUS_PARAM_EXCEEDS_RANGE = 9,
-    KR_SDN_HAL_STATUS_NO_RESOURCES = 10,
-    KR_SDN_HAL_STATUS_RESOURCE_IN_USE = 11
+        KR_SDN_HAL_STATUS_SDK_ERROR = 2, KR_SDN_HAL_STATUS_NOT_INITIALIZED = 3, KR_SDN_HAL_STATUS_ENTRY_NOT_FOUND = 4,
+    KR_SDN_HAL_STATUS_ENTRY_ALREADY_EXISTS = 5, KR_SDN_HAL_STATUS_CMD_UNSUPPORTED = 6,
+    KR_SDN_HAL_STATUS_PARAM_ERROR = 7, KR_SDN_HAL_STATUS_PARAM_NULL = 8, KR_SDN_HAL_STATUS_PARAM_EXCEEDS_RANGE = 9,
+    KR_SDN_HAL_STATUS_NO_RESOURCES = 10, KR_SDN_HAL_STATUS_RESOURCE_IN_USE = 11
 };
 
 /* ---- life cycle ------------------------------------------------------------------------------------------------ */
@@ -261,17 +255,17 @@ enum { PORT_UPDATE_ADDED = 0, PORT_UPDATE_REMOVED = 1 };
 
 typedef struct hal_event_packet {
     uint8_t data[KR_SDN_HAL_PACKET_SIZE]; /* the frame; a longer one is cut */
-    uint32_t length;  /* bytes */
-    uint32_t in_port; /* OF port; 0 when the port is not in the port database */
+    uint32_t length;                      /* bytes */
+    uint32_t in_port;                     /* OF port; 0 when the port is not in the port database */
 } hal_event_packet;
 
 typedef struct hal_event_port_oper {
-    uint32_t port; /* OF port; 0 when unknown */
+    uint32_t port;       /* OF port; 0 when unknown */
     uint32_t oper_state; /* as the switch reports it: 1 up, 2 down */
 } hal_event_port_oper;
 
 typedef struct hal_event_port_update {
-    uint32_t reason; /* PORT_UPDATE_REMOVED: has to be acknowledged */
+    uint32_t reason;     /* PORT_UPDATE_REMOVED: has to be acknowledged */
     uint32_t port;       /* OF port */
     uint32_t oper_state; /* as the switch reports it: 1 up, 2 down */
     uint8_t mac_address[6];
@@ -865,8 +859,8 @@ KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_table_capabilities_get(uint32_t *tab
  * PARAM_NULL       table_capabilities_out is NULL.
  * NOT_INITIALIZED  the library is not initialised.
  */
-KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_table_table_capabilities_get(
-    uint32_t table, table_capabilities *table_capabilities_out) KR_SDN_HAL_NOEXCEPT;
+KR_SDN_HAL_API kr_sdn_hal_status
+kr_sdn_hal_table_table_capabilities_get(uint32_t table, table_capabilities *table_capabilities_out) KR_SDN_HAL_NOEXCEPT;
 
 /*
  * Whether frames have hit flows since their activity was last read. Reading it clears it.
