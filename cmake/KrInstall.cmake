@@ -13,8 +13,8 @@ target_include_directories(krplatform INTERFACE $<INSTALL_INTERFACE:${KR_PLATFOR
 
 install(TARGETS krsdnhal krplatform kr_platform_headers EXPORT krsdnhal
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} INCLUDES DESTINATION ${KR_HEADER_DIR})
-install(FILES api/kr_sdn_hal.h tables/flow_record.h platform/include/kr_host_ifc.h platform/include/kr_status.h
-  DESTINATION ${KR_HEADER_DIR})
+set(KR_PUBLIC_HEADERS api/kr_sdn_hal.h tables/flow_record.h platform/include/kr_host_ifc.h platform/include/kr_status.h)
+install(FILES ${KR_PUBLIC_HEADERS} DESTINATION ${KR_HEADER_DIR})
 install(DIRECTORY platform/include/ DESTINATION ${KR_PLATFORM_HEADER_DIR} FILES_MATCHING PATTERN "*.h")
 install(FILES platform/soft/control/kr_soft.h DESTINATION ${KR_PLATFORM_HEADER_DIR})
 install(EXPORT krsdnhal NAMESPACE krsdnhal:: DESTINATION ${KR_PACKAGE_DIR})
