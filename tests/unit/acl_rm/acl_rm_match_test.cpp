@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "acl_rm/ternary_matcher.h"
-#include "random_seed.h"
+#include "tests/support/test_seed.h"
 
 namespace {
 
@@ -87,7 +87,8 @@ TEST(ternary_matcher, every_bit_of_the_key_is_compared_when_the_mask_says_so) {
 
 // Random rules over few values, so that many of them match each frame, with masks from a few to all bits.
 TEST(ternary_matcher, random_rules_agree_with_the_definition) {
-    std::mt19937_64 random(kr_test::random_seed());
+    SCOPED_TRACE(testing::Message() << "KR_TEST_SEED=" << kr_test::test_seed());
+    std::mt19937_64 random(kr_test::test_seed());
     const auto below = [&](uint32_t bound) { return static_cast<uint32_t>(random() % bound); };
     const auto random_bytes = [&] {
         key_bytes bytes{};

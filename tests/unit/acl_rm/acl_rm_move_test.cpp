@@ -7,7 +7,7 @@
 #include <random>
 
 #include "acl_rm_fixture.h"
-#include "random_seed.h"
+#include "tests/support/test_seed.h"
 
 namespace {
 
@@ -123,7 +123,8 @@ TEST_F(acl_rm_move, random_operations_agree_with_a_model) {
         uint64_t packets;
         bool active;
     };
-    const uint64_t seed = kr_test::random_seed();
+    const uint64_t seed = kr_test::test_seed();
+    SCOPED_TRACE(testing::Message() << "KR_TEST_SEED=" << seed);
     std::mt19937_64 random(seed);
     const auto below = [&](uint32_t bound) { return static_cast<uint32_t>(random() % bound); };
 

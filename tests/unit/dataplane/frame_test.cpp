@@ -4,7 +4,6 @@
  */
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <random>
@@ -13,6 +12,7 @@
 #include "dataplane/frame.h"
 #include "dataplane/frame_parse.h"
 #include "test_frames.h"
+#include "tests/support/test_seed.h"
 
 namespace {
 
@@ -213,16 +213,10 @@ TEST(parser, frames_cut_at_every_length) {
     }
 }
 
-uint32_t test_seed() {
-    const char *given = std::getenv("KR_TEST_SEED");
-    const uint32_t seed = given != nullptr ? static_cast<uint32_t>(std::stoul(given)) : std::random_device{}();
-    std::printf("KR_TEST_SEED=%u\n", seed);
-    return seed;
-}
-
 // Random bytes behind plausible types: everything that a frame can go through, with sanitizers watching.
 TEST(parser, random_bytes_do_no_harm) {
-    std::mt19937 random(test_seed());
+    SCOPED_TRACE(testing::Message() << "KR_TEST_SEED=" << kr_test::test_seed());
+    std::mt19937_64 random(kr_test::test_seed());
     const uint16_t types[] = {0x0800, 0x0806, 0x8100, 0x88a8, 0x86dd, 0x0026, 0x88cc};
     const uint8_t gso_types[] = {gso_none, gso_tcp_ipv4, gso_tcp_ipv6, gso_udp, gso_tcp_ipv4 | gso_ecn, 3, 0xff};
     const auto room = std::make_unique<uint8_t[]>(frame_headroom + 4096);
