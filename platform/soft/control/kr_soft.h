@@ -62,7 +62,8 @@ kr_status kr_soft_port_add_interface(uint32_t log_port, const char *interface_na
 
 /*
  * Adds a port on capture files (pcap): frames of `input_path` (may be NULL) enter the switch when
- * kr_soft_port_play is called; what leaves is written to `output_path` (may be NULL).
+ * kr_soft_port_play is called; what leaves is written to `output_path` (may be NULL). PARAM_ERROR when both are the
+ * same file, ERROR when the input is no capture of Ethernet frames or a file can't be opened.
  */
 kr_status kr_soft_port_add_capture(uint32_t log_port, const char *input_path, const char *output_path);
 
@@ -116,8 +117,8 @@ void kr_soft_fault_clear(void);
 uint64_t kr_soft_call_count(const char *function);
 
 /*
- * The journal: one line per contract call, as it ended, in order: name(arguments) = status. Calls of the logger and
- * of the quick map are not in it. Off at first.
+ * The journal: one line for each call of a contract function that can fail, as it ended, in order:
+ * name(arguments) = status. Functions that can't (kr_log, locks, quick map) are not in it. Off at first.
  */
 void kr_soft_journal_start(void); /* empties it and turns it on */
 void kr_soft_journal_stop(void);

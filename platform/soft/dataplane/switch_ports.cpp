@@ -14,6 +14,7 @@
 #include <shared_mutex>
 
 #include <pcap/pcap.h>
+#include <sys/stat.h>
 
 #include "control/kr_soft.h"
 #include "dataplane/dataplane_thread.h"
@@ -123,6 +124,14 @@ capture_file capture_open(const char *path) {
         file.reset();
     }
     return file;
+}
+
+// Opening the output empties it, so it must not be the input under another name.
+bool is_same_file(const char *one, const char *other) {
+    struct stat first {
+    }, second{};
+    return stat(one, &first) == 0 && stat(other, &second) == 0 && first.st_dev == second.st_dev &&
+           first.st_ino == second.st_ino;
 }
 
 // Lets one frame enter whatever its size: what no wire would carry counts as malformed.
@@ -244,6 +253,10 @@ kr_status kr_soft_port_add_capture(uint32_t log_port, const char *input_path, co
     }
     if (input_path != nullptr && capture_open(input_path) == nullptr) {
         return KR_STATUS_ERROR;
+    }
+    if (input_path != nullptr && output_path != nullptr && is_same_file(input_path, output_path)) {
+        kr_log(KR_LOG_ERROR, log_module, "Capture file %s can't be input and output of one port", input_path);
+        return KR_STATUS_PARAM_ERROR;
     }
     const std::shared_ptr<capture_port> added =
         port_make<capture_port>(log_port, input_path == nullptr ? "" : input_path);

@@ -637,6 +637,16 @@ TEST_F(capture_test, refusals) {
     EXPECT_EQ(kr_soft_port_add_capture(capture_port_1, path("other").c_str(), nullptr), KR_STATUS_ERROR);
 }
 
+TEST_F(capture_test, an_input_is_not_overwritten_by_the_output) {
+    write_capture(path("in"), {frame_1});
+    const auto size = std::filesystem::file_size(path("in"));
+    std::filesystem::create_symlink(path("in"), path("link"));
+    EXPECT_EQ(kr_soft_port_add_capture(capture_port_1, path("in").c_str(), path("in").c_str()), KR_STATUS_PARAM_ERROR);
+    EXPECT_EQ(kr_soft_port_add_capture(capture_port_1, path("in").c_str(), path("link").c_str()),
+              KR_STATUS_PARAM_ERROR);
+    EXPECT_EQ(std::filesystem::file_size(path("in")), size);
+}
+
 TEST_F(capture_test, a_file_that_was_cut_gives_its_whole_frames_and_an_error) {
     write_capture(path("in"), {frame_1, frame_1});
     std::filesystem::resize_file(path("in"), std::filesystem::file_size(path("in")) - 5);
