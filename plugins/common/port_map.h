@@ -1,5 +1,5 @@
 /*
- * Which Linux interface stands behind an OF port: the connector writes it when it adds and removes ports, the port
+ * Which Linux interface, if any, stands behind an OF port: the connector writes it when it adds and removes ports, the port
  * plug-in reads it. One per process, shared by both plug-ins. A port that the connector has not added is not in it, so
  * that a port operation never reaches an interface of the host that is no port of the switch.
  *
@@ -17,7 +17,7 @@ constexpr size_t port_map_max_ports = 128;
 
 struct mapped_port {
     uint32_t of_port;
-    uint32_t ifindex;
+    uint32_t ifindex; // 0: no interface, but capture files
     uint32_t log_port;
 };
 

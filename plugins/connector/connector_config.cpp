@@ -13,8 +13,10 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <iomanip>
 #include <optional>
 #include <set>
+#include <sstream>
 
 #include "kr_soft.h"
 #include "port_map.h"
@@ -38,11 +40,12 @@ constexpr uint32_t agent_address_ipv6 = 6;
 
 struct parser {
     const std::string &text;
+    const std::string &folder;
     size_t position = 0;
     unsigned line = 0;
     config_result result;
     std::set<std::string> keys_seen;                // "section\nname"
-    std::map<int32_t, std::string> ports_by_number; // requested OF port -> interface that has it
+    std::map<int32_t, std::string> ports_by_number; // requested OF port -> name of the port that has it
 
     void mistake(std::string what) {
         result.mistakes.push_back({line, std::move(what)});
@@ -91,26 +94,62 @@ void set_choice(parser &p, const choice<T> (&choices)[N], const char *name, cons
     }
 }
 
+std::string requested_port_range() {
+    return std::to_string(kr_plugin::requested_of_port_min) + " to " + std::to_string(kr_plugin::requested_of_port_max);
+}
+
+// False, and a mistake, when the port can't be had.
+bool port_put(parser &p, const std::string &name, int32_t requested) {
+    if (p.result.config.ports.contains(name)) {
+        p.mistake(name + " is a port already");
+        return false;
+    }
+    if (p.result.config.ports.size() == max_configured_ports) {
+        p.mistake("more than " + std::to_string(max_configured_ports) + " ports");
+        return false;
+    }
+    if (requested != 0) {
+        const auto [other, is_new] = p.ports_by_number.emplace(requested, name);
+        if (!is_new) {
+            p.mistake("requested port " + std::to_string(requested) + " of " + name + " is taken by " + other->second);
+            return false;
+        }
+    }
+    p.result.config.ports.emplace(name, requested);
+    return true;
+}
+
 void port_line(parser &p, const char *name, const char *value) {
     int32_t requested = 0;
     if (!interface_name_valid(name)) {
         p.mistake("\"" + std::string(name) + "\" can't be the name of an interface (1 to 15 characters, no / or :)");
     } else if (!requested_port_parse(value, &requested)) {
         p.mistake("requested port of " + std::string(name) + " is \"" + value + "\", must be none or " +
-                  std::to_string(kr_plugin::requested_of_port_min) + " to " +
-                  std::to_string(kr_plugin::requested_of_port_max));
-    } else if (p.result.config.ports.size() == max_configured_ports) {
-        p.mistake("more than " + std::to_string(max_configured_ports) + " ports");
+                  requested_port_range());
     } else {
-        if (requested != 0) {
-            const auto [other, is_new] = p.ports_by_number.emplace(requested, name);
-            if (!is_new) {
-                p.mistake("requested port " + std::to_string(requested) + " of " + name + " is taken by " +
-                          other->second);
-                return;
-            }
-        }
-        p.result.config.ports.emplace(name, requested);
+        (void)port_put(p, name, requested);
+    }
+}
+
+// "-" is no file; a relative path starts in the folder of the configuration file.
+std::string capture_path(const parser &p, const std::string &path) {
+    return path == "-" ? "" : path.starts_with('/') || p.folder.empty() ? path : p.folder + "/" + path;
+}
+
+void capture_line(parser &p, const char *name, const char *value) {
+    std::istringstream words(value);
+    std::string number, input, output, rest;
+    int32_t requested = 0;
+    words >> number >> std::quoted(input) >> std::quoted(output);
+    if (!interface_name_valid(name)) {
+        p.mistake("\"" + std::string(name) + "\" can't be the name of a port (1 to 15 characters, no / or :)");
+    } else if (number.empty() || input.empty() || output.empty() || words >> rest) {
+        p.mistake(std::string(name) + " is \"" + value + "\", must be PORT INPUT OUTPUT, a file or - each");
+    } else if (!requested_port_parse(number, &requested) || requested == 0) {
+        p.mistake("requested port of " + std::string(name) + " is \"" + number + "\", must be " +
+                  requested_port_range());
+    } else if (port_put(p, name, requested)) {
+        p.result.config.captures.emplace(name, capture_files{capture_path(p, input), capture_path(p, output)});
     }
 }
 
@@ -192,8 +231,11 @@ struct section {
     const char *name;
     void (*line)(parser &p, const char *name, const char *value);
 };
-constexpr section sections[] = {
-    {"ports", port_line}, {"log", log_line}, {"control", control_line}, {"agent", agent_line}};
+constexpr section sections[] = {{"ports", port_line},
+                                {"captures", capture_line},
+                                {"log", log_line},
+                                {"control", control_line},
+                                {"agent", agent_line}};
 
 // libinih's handler: one "name = value". Always answers 1; mistakes are kept in the parser.
 int on_line(void *user, const char *section_name, const char *name, const char *value) {
@@ -203,7 +245,7 @@ int on_line(void *user, const char *section_name, const char *name, const char *
     if (found == std::end(sections)) {
         p.mistake(*section_name == '\0'
                       ? std::string("\"") + name + "\" stands before any section"
-                      : std::string("unknown section [") + section_name + "]: ports, log, control or agent");
+                      : std::string("unknown section [") + section_name + "]: ports, captures, log, control or agent");
     } else if (!p.keys_seen.insert(std::string(section_name) + '\n' + name).second) {
         p.mistake(std::string("[") + section_name + "] " + name + " is given twice");
     } else {
@@ -247,12 +289,13 @@ config_result failure_of(std::string text) {
 } // namespace
 
 bool connector_config::operator==(const connector_config &other) const {
-    return ports == other.ports && log == other.log && forward == other.forward && has_agent == other.has_agent &&
+    return ports == other.ports && captures == other.captures && log == other.log && forward == other.forward &&
+           has_agent == other.has_agent &&
            std::memcmp(&agent, &other.agent, sizeof(agent)) == 0; // no byte of it is padding
 }
 
-config_result config_parse(const std::string &text) {
-    parser p{.text = text, .result = {}, .keys_seen = {}, .ports_by_number = {}};
+config_result config_parse(const std::string &text, const std::string &folder) {
+    parser p{.text = text, .folder = folder, .result = {}, .keys_seen = {}, .ports_by_number = {}};
     const int first_bad_line = ini_parse_stream(next_line, &p, on_line, &p);
     if (first_bad_line > 0) {
         p.line = static_cast<unsigned>(first_bad_line);
@@ -288,7 +331,8 @@ config_result config_read(const std::string &path) {
             return failure_of("longer than " + std::to_string(max_config_file_size) + " bytes");
         }
     }
-    return config_parse(text);
+    const size_t slash = path.rfind('/');
+    return config_parse(text, slash == std::string::npos ? "" : path.substr(0, slash));
 }
 
 std::string config_mistake_text(const std::string &path, const config_mistake &mistake) {

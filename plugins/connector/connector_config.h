@@ -1,6 +1,6 @@
 /*
- * The connector's configuration file: which interfaces are ports of the switch, what is logged where, which control
- * protocols go to the CPU, which controllers the agent is told about.
+ * The connector's configuration file: which interfaces and capture files are ports of the switch, what is logged
+ * where, which control protocols go to the CPU, which controllers the agent is told about.
  *
  * Reading is all or nothing: a file with a mistake gives a list of mistakes, each with file and line, and no
  * configuration. Nothing here looks at interfaces; a configured interface need not exist yet.
@@ -38,8 +38,15 @@ struct control_protocol {
 constexpr size_t control_protocol_count = 4;
 extern const std::array<control_protocol, control_protocol_count> control_protocols;
 
+// The files behind a port that no interface stands behind; an empty path: none.
+struct capture_files {
+    std::string input, output;
+    bool operator==(const capture_files &) const = default;
+};
+
 struct connector_config {
-    std::map<std::string, int32_t> ports; // interface name -> requested OF port, 0 for none
+    std::map<std::string, int32_t> ports;          // name of the port -> requested OF port, 0 for none
+    std::map<std::string, capture_files> captures; // which of them stand on files; all others on interfaces
     log_settings log;
     std::array<bool, control_protocol_count> forward{}; // by index of control_protocols
     bool has_agent = false;
@@ -60,7 +67,8 @@ struct config_result {
 };
 
 config_result config_read(const std::string &path);
-config_result config_parse(const std::string &text);
+// `folder`: where relative paths in the text start.
+config_result config_parse(const std::string &text, const std::string &folder = {});
 
 // "path:line: text", or "path: text" for a mistake of the file as a whole.
 std::string config_mistake_text(const std::string &path, const config_mistake &mistake);

@@ -19,6 +19,13 @@ namespace kr_connector {
 
 using kr_plugin::hal_status_text;
 
+namespace {
+
+// The library finds a port that goes by its interface index, so ports on files have one too, above any of the kernel's.
+constexpr uint32_t capture_ifindex_base = 0x4000'0000;
+
+} // namespace
+
 // ---- the gate
 
 bool delivery_gate::enter(bool is_removal) {
@@ -259,20 +266,34 @@ bool switch_driver::step_add() {
         return false;
     }
     for (const auto &[name, requested] : wanted_ports_) {
-        const auto link = links_.find(name);
-        if (link != links_.end() && port_find(name) == nullptr && !failed_adds_.contains(name)) {
-            port_add(name, requested, link->second);
+        if (port_is_possible(name) && port_find(name) == nullptr && !failed_adds_.contains(name)) {
+            port_add(name, requested);
             return true;
         }
     }
     return false;
 }
 
+const capture_files *switch_driver::captures_of(const std::string &name) const {
+    const auto found = config_.captures.find(name);
+    return found == config_.captures.end() ? nullptr : &found->second;
+}
+
+bool switch_driver::port_is_possible(const std::string &name) const {
+    return captures_of(name) != nullptr || links_.contains(name);
+}
+
 bool switch_driver::port_is_stale(const port &p) const {
     const auto wanted = wanted_ports_.find(p.interface_name);
+    if (p.is_gone || wanted == wanted_ports_.end() || wanted->second != p.requested) {
+        return true;
+    }
+    const capture_files *const captures = captures_of(p.interface_name);
+    if (captures != nullptr || p.captures) {
+        return captures == nullptr || !p.captures || *captures != *p.captures;
+    }
     const auto link = links_.find(p.interface_name);
-    return p.is_gone || wanted == wanted_ports_.end() || wanted->second != p.requested || link == links_.end() ||
-           link->second.ifindex != p.record.ifindex;
+    return link == links_.end() || link->second.ifindex != p.record.ifindex;
 }
 
 switch_driver::port *switch_driver::port_find(const std::string &name) {
@@ -333,11 +354,24 @@ void switch_driver::port_take_out(const port &p) {
     (void)kr_soft_port_remove(p.record.log_port);
 }
 
-void switch_driver::port_add(const std::string &name, int32_t requested, const link_info &link) {
+uint32_t switch_driver::port_plug_in(const port &p) {
+    if (!p.captures) {
+        return kr_soft_port_add_interface(p.record.log_port, p.interface_name.c_str());
+    }
+    const auto path_of = [](const std::string &path) { return path.empty() ? nullptr : path.c_str(); };
+    return kr_soft_port_add_capture(p.record.log_port, path_of(p.captures->input), path_of(p.captures->output));
+}
+
+void switch_driver::port_add(const std::string &name, int32_t requested) {
+    const capture_files *const captures = captures_of(name);
+    const link_info link = captures == nullptr
+                               ? links_.at(name)
+                               : link_info{capture_ifindex_base + static_cast<uint32_t>(requested), true, {}};
     port p{.interface_name = name,
            .requested = requested,
            .of_port = kr_plugin::of_port_of(link.ifindex, requested),
-           .record = {}};
+           .record = {},
+           .captures = captures == nullptr ? std::nullopt : std::optional(*captures)};
     p.record.log_port = kr_plugin::log_port_of(p.of_port);
     p.record.ifindex = link.ifindex;
     p.record.requested_of_port = requested;
@@ -354,13 +388,13 @@ void switch_driver::port_add(const std::string &name, int32_t requested, const l
         failure(who + "OF port " + std::to_string(p.of_port) + " is still in use");
         return;
     }
-    const kr_status platform_status = kr_soft_port_add_interface(p.record.log_port, name.c_str());
+    const kr_status platform_status = port_plug_in(p);
     if (platform_status != KR_STATUS_SUCCESS) {
         failure(who + "the software switch says: " + hal_status_text(kr_plugin::hal_status_of(platform_status)));
         return;
     }
     // Known to the port plug-in before a client can hear of the port.
-    if (!kr_plugin::port_map_put({p.of_port, p.record.ifindex, p.record.log_port})) {
+    if (!kr_plugin::port_map_put({p.of_port, p.captures ? 0 : p.record.ifindex, p.record.log_port})) {
         failure(who + "the port map is full");
         (void)kr_soft_port_remove(p.record.log_port);
         return;
@@ -418,7 +452,14 @@ std::string switch_driver::command(const std::string &line) {
     if (name == "remove") {
         return argument.empty() || !number.empty() ? "error usage: remove INTERFACE" : command_remove(argument);
     }
-    return "error unknown command: status, start, stop, add, remove, reload or config";
+    if (name == "play") {
+        return argument.empty() || !number.empty() ? "error usage: play NAME" : command_play(argument);
+    }
+    if (name == "link") {
+        return (number != "up" && number != "down") || !rest.empty() ? "error usage: link INTERFACE up|down"
+                                                                     : command_link(argument, number);
+    }
+    return "error unknown command: status, start, stop, add, remove, link, play, reload or config";
 }
 
 // The answer to a command that reconcile has carried out, or not.
@@ -486,6 +527,9 @@ std::string switch_driver::command_add(const std::string &name, const std::strin
         return "error the port must be none or " + std::to_string(kr_plugin::requested_of_port_min) + " to " +
                std::to_string(kr_plugin::requested_of_port_max);
     }
+    if (requested == 0 && captures_of(name) != nullptr) {
+        return "error a port on capture files needs a number";
+    }
     for (const auto &[other_name, other_requested] : wanted_ports_) {
         if (requested != 0 && other_requested == requested && other_name != name) {
             return "error port " + std::to_string(requested) + " is taken by " + other_name;
@@ -516,6 +560,28 @@ std::string switch_driver::command_remove(const std::string &name) {
     }
     reconcile();
     return finish(port_find(name) == nullptr);
+}
+
+// Lets the frames of the input file enter the switch; they have all been handled when it answers.
+std::string switch_driver::command_play(const std::string &name) {
+    const port *const p = port_find(name);
+    if (p == nullptr || !p->captures) {
+        return "error no such port on capture files";
+    }
+    uint64_t frame_count = 0;
+    const kr_status status = kr_soft_port_play(p->record.log_port, &frame_count);
+    return status == KR_STATUS_SUCCESS ? "ok " + std::to_string(frame_count) + " frames"
+                                       : "error " + p->captures->input + " can't be played to its end";
+}
+
+// As a hand that pulls the cable of a port and puts it back; what an interface does by itself comes on top.
+std::string switch_driver::command_link(const std::string &name, const std::string &state) {
+    const port *const p = port_find(name);
+    if (p == nullptr) {
+        return "error no such port";
+    }
+    const kr_status status = kr_soft_port_link_set(p->record.log_port, state == "up" ? 1 : 0);
+    return finish(status == KR_STATUS_SUCCESS);
 }
 
 } // namespace kr_connector

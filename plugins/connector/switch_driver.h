@@ -72,8 +72,9 @@ class switch_driver {
         int32_t requested;
         uint32_t of_port;
         conn_port_record record;
-        bool is_gone = false;            // the kernel said that this interface vanished
-        bool has_removal_failed = false; // not tried again before something changes
+        std::optional<capture_files> captures; // none: it stands on an interface
+        bool is_gone = false;                  // the kernel said that this interface vanished
+        bool has_removal_failed = false;       // not tried again before something changes
     };
     struct failed_add { // what the interface was like when its port could not be added
         uint32_t ifindex;
@@ -97,9 +98,12 @@ class switch_driver {
     std::optional<uint32_t> deliver(uint32_t event, void *data); // none: the gate is closed
     bool forward_set(size_t protocol, bool is_on);
     bool port_remove(port &p);
-    void port_add(const std::string &name, int32_t requested, const link_info &link);
+    void port_add(const std::string &name, int32_t requested);
+    uint32_t port_plug_in(const port &p); // a platform status
     void port_take_out(const port &p);
+    bool port_is_possible(const std::string &name) const; // what it stands on is there
     bool port_is_stale(const port &p) const;
+    const capture_files *captures_of(const std::string &name) const; // NULL: it stands on an interface
     port *port_find(const std::string &name);
     void failure(const std::string &text);
 
@@ -110,6 +114,8 @@ class switch_driver {
     std::string command_config();
     std::string command_add(const std::string &name, const std::string &number);
     std::string command_remove(const std::string &name);
+    std::string command_play(const std::string &name);
+    std::string command_link(const std::string &name, const std::string &state);
     std::string finish(bool is_done, const std::string &text = {});
 
     const library_callbacks library_;

@@ -101,14 +101,21 @@ template <typename F> uint32_t with_port(uint32_t of_port, F function) noexcept 
     return kr_plugin::port_map_get(of_port, &port) ? function(port) : KR_SDN_HAL_STATUS_ENTRY_NOT_FOUND;
 }
 
+// The same with a port that stands on an interface: capture files have nothing to ask or to set.
+template <typename F> uint32_t with_interface(uint32_t of_port, F function) noexcept {
+    return with_port(of_port, [&](const kr_plugin::mapped_port &port) -> uint32_t {
+        return port.ifindex == 0 ? KR_SDN_HAL_STATUS_CMD_UNSUPPORTED : function(port);
+    });
+}
+
 // The same with an output that must be there.
-template <typename T, typename F> uint32_t with_port_and_output(uint32_t of_port, T *output, F function) noexcept {
-    return output == nullptr ? KR_SDN_HAL_STATUS_PARAM_NULL : with_port(of_port, function);
+template <typename T, typename F> uint32_t with_interface_and_output(uint32_t of_port, T *output, F function) noexcept {
+    return output == nullptr ? KR_SDN_HAL_STATUS_PARAM_NULL : with_interface(of_port, function);
 }
 
 // The same with the interface's link attributes, as they are now.
 template <typename T, typename F> uint32_t with_link(uint32_t of_port, T *output, F function) noexcept {
-    return with_port_and_output(of_port, output, [&](const kr_plugin::mapped_port &port) {
+    return with_interface_and_output(of_port, output, [&](const kr_plugin::mapped_port &port) {
         link_ptr link;
         const kr_sdn_hal_status status = link_read(port.ifindex, &link);
         return status == KR_SDN_HAL_STATUS_SUCCESS ? function(link.get()) : status;
@@ -117,7 +124,7 @@ template <typename T, typename F> uint32_t with_link(uint32_t of_port, T *output
 
 // Changes one attribute of the port's interface.
 template <typename F> uint32_t change_link(uint32_t of_port, F set) noexcept {
-    return with_port(of_port, [&](const kr_plugin::mapped_port &port) {
+    return with_interface(of_port, [&](const kr_plugin::mapped_port &port) {
         const link_ptr change(rtnl_link_alloc());
         if (!change) {
             return KR_SDN_HAL_STATUS_NO_RESOURCES;
@@ -170,7 +177,10 @@ uint32_t rstp_port_state_set(uint32_t port, uint32_t stp_state) {
 }
 
 uint32_t rstp_port_state_get(uint32_t port, int32_t *stp_state) {
-    return with_port_and_output(port, stp_state, [=](const mapped_port &p) {
+    if (stp_state == nullptr) {
+        return KR_SDN_HAL_STATUS_PARAM_NULL;
+    }
+    return with_port(port, [=](const mapped_port &p) {
         uint32_t state = 0;
         const kr_status status = kr_soft_port_stp_get(p.log_port, &state);
         if (status == KR_STATUS_SUCCESS) {
@@ -192,20 +202,22 @@ uint32_t port_phys_addr_get(uint32_t port, port_mac_address *mac_address) {
 }
 
 uint32_t port_speed_admin_set(uint32_t port, port_speed_admin speeds) {
-    return with_port(port, [=](const mapped_port &p) { return speed_admin_set(p.ifindex, speeds); });
+    return with_interface(port, [=](const mapped_port &p) { return speed_admin_set(p.ifindex, speeds); });
 }
 
 uint32_t port_speed_admin_get(uint32_t port, port_speed_admin *speeds) {
-    return with_port_and_output(port, speeds, [=](const mapped_port &p) { return speed_admin_get(p.ifindex, speeds); });
+    return with_interface_and_output(port, speeds,
+                                     [=](const mapped_port &p) { return speed_admin_get(p.ifindex, speeds); });
 }
 
 uint32_t port_speed_cabability_get(uint32_t port, uint32_t *capability) {
-    return with_port_and_output(port, capability,
-                                [=](const mapped_port &p) { return speed_capability_get(p.ifindex, capability); });
+    return with_interface_and_output(port, capability,
+                                     [=](const mapped_port &p) { return speed_capability_get(p.ifindex, capability); });
 }
 
 uint32_t port_speed_oper_get(uint32_t port, uint32_t *speed) {
-    return with_port_and_output(port, speed, [=](const mapped_port &p) { return speed_oper_get(p.ifindex, speed); });
+    return with_interface_and_output(port, speed,
+                                     [=](const mapped_port &p) { return speed_oper_get(p.ifindex, speed); });
 }
 
 uint32_t port_state_set(uint32_t port, uint32_t admin_state) {
@@ -254,7 +266,7 @@ uint32_t port_mtu_get(uint32_t port, uint16_t *mtu) {
 }
 
 uint32_t port_cntr_get(uint32_t port, port_counters *counters) {
-    return with_port_and_output(port, counters, [=](const mapped_port &p) {
+    return with_interface_and_output(port, counters, [=](const mapped_port &p) {
         port_counters now{};
         const kr_sdn_hal_status status = counters_read(p.ifindex, &now);
         if (status == KR_SDN_HAL_STATUS_SUCCESS) {
@@ -280,7 +292,7 @@ kr_sdn_hal_status counters_clear(const mapped_port &p) {
 
 uint32_t port_cntr_clear(uint32_t port, uint32_t all_ports) {
     if (all_ports == 0) {
-        return with_port(port, counters_clear);
+        return with_interface(port, counters_clear);
     }
     if (all_ports > 1) {
         return KR_SDN_HAL_STATUS_PARAM_EXCEEDS_RANGE;
@@ -290,7 +302,8 @@ uint32_t port_cntr_clear(uint32_t port, uint32_t all_ports) {
     std::array<mapped_port, kr_plugin::port_map_max_ports> ports;
     const size_t count = kr_plugin::port_map_list(ports.data(), ports.size());
     for (size_t i = 0; i < count; ++i) {
-        const kr_sdn_hal_status status = counters_clear(ports[i]);
+        const bool has_counters = ports[i].ifindex != 0;
+        const kr_sdn_hal_status status = has_counters ? counters_clear(ports[i]) : KR_SDN_HAL_STATUS_SUCCESS;
         result = result == KR_SDN_HAL_STATUS_SUCCESS ? status : result;
     }
     return result;

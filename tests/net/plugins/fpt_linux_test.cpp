@@ -499,6 +499,27 @@ TEST_F(fpt_linux_test, a_port_whose_interface_is_gone_is_not_found) {
     expect_all(veth_port, KR_SDN_HAL_STATUS_ENTRY_NOT_FOUND);
 }
 
+TEST_F(fpt_linux_test, a_port_on_capture_files_has_a_spanning_tree_state_and_nothing_else) {
+    constexpr uint32_t capture_port = 32780;
+    const uint32_t log_port = kr_plugin::log_port_of(capture_port);
+    ASSERT_EQ(kr_soft_port_add_capture(log_port, nullptr, nullptr), KR_STATUS_SUCCESS);
+    ASSERT_TRUE(kr_plugin::port_map_put({capture_port, 0, log_port}));
+    port_counters counters{};
+    uint16_t mtu = 7;
+    EXPECT_EQ(fpt().port_state_set(capture_port, PORT_ADMIN_UP), KR_SDN_HAL_STATUS_CMD_UNSUPPORTED);
+    EXPECT_EQ(fpt().port_mtu_set(capture_port, 1400), KR_SDN_HAL_STATUS_CMD_UNSUPPORTED);
+    EXPECT_EQ(fpt().port_mtu_get(capture_port, &mtu), KR_SDN_HAL_STATUS_CMD_UNSUPPORTED);
+    EXPECT_EQ(mtu, 7);
+    EXPECT_EQ(fpt().port_speed_admin_set(capture_port, {1, 0, 0, 0}), KR_SDN_HAL_STATUS_CMD_UNSUPPORTED);
+    EXPECT_EQ(fpt().port_cntr_get(capture_port, &counters), KR_SDN_HAL_STATUS_CMD_UNSUPPORTED);
+    EXPECT_EQ(fpt().port_cntr_clear(capture_port, 0), KR_SDN_HAL_STATUS_CMD_UNSUPPORTED);
+    EXPECT_EQ(fpt().port_cntr_clear(capture_port, 1), 0U) << "it has no counters that would stay as they are";
+    EXPECT_EQ(fpt().rstp_port_state_set(capture_port, PORT_STP_LEARNING), 0U);
+    int32_t state = 0;
+    EXPECT_EQ(fpt().rstp_port_state_get(capture_port, &state), 0U);
+    EXPECT_EQ(state, PORT_STP_LEARNING);
+}
+
 TEST_F(fpt_linux_test, null_outputs_are_refused) {
     EXPECT_EQ(fpt().rstp_port_state_get(veth_port, nullptr), KR_SDN_HAL_STATUS_PARAM_NULL);
     EXPECT_EQ(fpt().port_phys_addr_get(veth_port, nullptr), KR_SDN_HAL_STATUS_PARAM_NULL);

@@ -86,7 +86,7 @@ std::string many_ports() {
 
 const mistake_row mistake_rows[] = {
     {"no_section", "\nsw1 = 1\n", 2, "\"sw1\" stands before any section"},
-    {"unknown_section", "[prots]\nsw1 = 1\n", 2, "unknown section [prots]: ports, log, control or agent"},
+    {"unknown_section", "[prots]\nsw1 = 1\n", 2, "unknown section [prots]: ports, captures, log, control or agent"},
     {"open_section", "[ports\n", 1, "neither a [section] nor \"name = value\" nor a comment"},
     {"no_value", "[ports]\nsw1 = 1\nsw2\n", 3, "neither a [section] nor \"name = value\" nor a comment"},
     {"no_name", "[ports]\n= 3\n", 2, "\"\" can't be the name of an interface (1 to 15 characters, no / or :)"},
@@ -106,6 +106,17 @@ const mistake_row mistake_rows[] = {
     {"port_twice", "[ports]\nsw1 = 7\nsw2 = 7\n", 3, "requested port 7 of sw2 is taken by sw1"},
     {"indented_line_is_a_line", "[ports]\nsw1 = 1\n  sw2 = x\n", 3,
      "requested port of sw2 is \"x\", must be none or 1 to 32511"},
+    {"capture_without_files", "[captures]\nc = 1\n", 2, "c is \"1\", must be PORT INPUT OUTPUT, a file or - each"},
+    {"capture_without_output", "[captures]\nc = 1 in\n", 2,
+     "c is \"1 in\", must be PORT INPUT OUTPUT, a file or - each"},
+    {"capture_with_more", "[captures]\nc = 1 in out x\n", 2,
+     "c is \"1 in out x\", must be PORT INPUT OUTPUT, a file or - each"},
+    {"capture_without_number", "[captures]\nc = none in out\n", 2,
+     "requested port of c is \"none\", must be 1 to 32511"},
+    {"capture_name", "[captures]\na/b = 1 in out\n", 2,
+     "\"a/b\" can't be the name of a port (1 to 15 characters, no / or :)"},
+    {"capture_and_interface", "[ports]\nc = 1\n[captures]\nc = 2 in out\n", 4, "c is a port already"},
+    {"capture_number_taken", "[ports]\nc = 1\n[captures]\nd = 1 in out\n", 4, "requested port 1 of d is taken by c"},
     {"too_many_ports", many_ports(), 102, "more than 100 ports"},
     {"log_target", "[log]\ntarget = file\n", 2, "target is \"file\", must be stderr, syslog or none"},
     {"log_severity", "[log]\nseverity = loud\n", 2,
@@ -172,6 +183,17 @@ TEST_F(connector_config_file, that_is_no_file) {
     EXPECT_EQ(config_read(directory).mistakes.front().text, "not a regular file");
     ASSERT_EQ(mkfifo((directory + "/fifo").c_str(), 0600), 0);
     EXPECT_EQ(config_read(directory + "/fifo").mistakes.front().text, "not a regular file");
+}
+
+TEST_F(connector_config_file, with_capture_files_relative_to_its_folder) {
+    std::ofstream(directory + "/c.conf") << "[captures]\nc1 = 1 a \"b c\"\nc2 = 2 - /d\n";
+    const auto result = config_read(directory + "/c.conf");
+    ASSERT_TRUE(result.ok);
+    EXPECT_EQ(result.config.ports.at("c1"), 1);
+    EXPECT_EQ(result.config.captures.at("c1").input, directory + "/a");
+    EXPECT_EQ(result.config.captures.at("c1").output, directory + "/b c");
+    EXPECT_EQ(result.config.captures.at("c2").input, "");
+    EXPECT_EQ(result.config.captures.at("c2").output, "/d");
 }
 
 TEST_F(connector_config_file, that_is_too_long) {

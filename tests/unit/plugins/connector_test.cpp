@@ -434,7 +434,7 @@ TEST_F(connector_test, commands_are_checked) {
     bring_up_and_run();
     ASSERT_TRUE(library.wait_for_events(2));
     const control_client client(files.control_path());
-    const std::string unknown = "error unknown command: status, start, stop, add, remove, reload or config";
+    const std::string unknown = "error unknown command: status, start, stop, add, remove, link, play, reload or config";
     EXPECT_EQ(client.command(""), unknown);
     EXPECT_EQ(client.command("STOP"), unknown);
     EXPECT_EQ(client.command(std::string("stop\0", 5)), unknown);
@@ -447,6 +447,14 @@ TEST_F(connector_test, commands_are_checked) {
     EXPECT_EQ(client.command("remove"), "error usage: remove INTERFACE");
     EXPECT_EQ(client.command("remove lo now"), "error usage: remove INTERFACE");
     EXPECT_EQ(client.command("remove kr-x"), "error no such port");
+    EXPECT_EQ(client.command("link lo"), "error usage: link INTERFACE up|down");
+    EXPECT_EQ(client.command("link lo off"), "error usage: link INTERFACE up|down");
+    EXPECT_EQ(client.command("link lo up now"), "error usage: link INTERFACE up|down");
+    EXPECT_EQ(client.command("link kr-x up"), "error no such port");
+    EXPECT_EQ(client.command("play"), "error usage: play NAME");
+    EXPECT_EQ(client.command("play lo now"), "error usage: play NAME");
+    EXPECT_EQ(client.command("play kr-x"), "error no such port on capture files");
+    EXPECT_EQ(client.command("play lo"), "error no such port on capture files");
     EXPECT_EQ(client.command("config"), "error the file has no [agent]");
     EXPECT_EQ(client.command("status\r"), "ok started ports lo=32775 waiting -");
     EXPECT_THAT(library.events(), ElementsAre("start", "add lo"));
@@ -466,6 +474,61 @@ TEST_F(connector_test, ports_come_and_go_by_command) {
     EXPECT_EQ(command("status"), "ok started ports lo=32775 waiting -");
     EXPECT_EQ(command("stop"), "ok");
     EXPECT_EQ(command("add kr-absent"), "ok when the switch starts");
+}
+
+TEST_F(connector_test, the_link_of_a_port_goes_down_and_up_by_command) {
+    bring_up_and_run();
+    ASSERT_TRUE(library.wait_for_events(2));
+    EXPECT_EQ(command("link lo down"), "ok");
+    EXPECT_FALSE(fake_platform::is_up(lo_log_port));
+    EXPECT_EQ(command("link lo up"), "ok");
+    EXPECT_TRUE(fake_platform::is_up(lo_log_port));
+}
+
+// ---- ports on capture files
+
+const std::string two_captures = "[captures]\ncap1 = 1 in.pcap out.pcap\ncap2 = 2 - \"/tmp/o u t\"\n";
+
+TEST_F(connector_test, capture_files_are_ports_that_need_no_interface) {
+    files.write_config(two_captures + lo_is_a_port);
+    bring_up_and_run();
+    ASSERT_TRUE(library.wait_for_events(4));
+    EXPECT_THAT(library.events(), ElementsAre("start", "add cap1", "add cap2", "add lo"));
+    EXPECT_EQ(command("status"), "ok started ports cap1=32769,cap2=32770,lo=32775 waiting -");
+    EXPECT_THAT(fake_platform::ports(),
+                ElementsAre(testing::Pair(0x18001, files.directory + "/in.pcap > " + files.directory + "/out.pcap"),
+                            testing::Pair(0x18002, "- > /tmp/o u t"), testing::Pair(lo_log_port, "lo")));
+    EXPECT_EQ(library.last_port("cap2").requested_of_port, 2);
+    EXPECT_NE(library.last_port("cap1").ifindex, library.last_port("cap2").ifindex) << "a port is found by it";
+    kr_plugin::mapped_port mapped{};
+    ASSERT_TRUE(kr_plugin::port_map_get(32769, &mapped));
+    EXPECT_EQ(mapped.ifindex, 0U) << "no interface of this machine stands behind it";
+}
+
+TEST_F(connector_test, capture_files_are_played_by_command) {
+    files.write_config(two_captures);
+    bring_up_and_run();
+    ASSERT_TRUE(library.wait_for_events(3));
+    EXPECT_EQ(command("play cap1"), "ok 3 frames");
+    fake_platform::fail_plays_with(KR_STATUS_ERROR);
+    EXPECT_EQ(command("play cap1"), "error " + files.directory + "/in.pcap can't be played to its end");
+    EXPECT_EQ(command("add cap1 none"), "error a port on capture files needs a number");
+}
+
+TEST_F(connector_test, other_capture_files_are_another_port) {
+    library.acknowledge_all();
+    files.write_config("[captures]\ncap1 = 1 a -\n");
+    bring_up_and_run();
+    ASSERT_TRUE(library.wait_for_events(2));
+    files.replace_config("[captures]\ncap1 = 1 b -\n");
+    ASSERT_TRUE(library.wait_for_events(4));
+    files.replace_config("[captures]\ncap1 = 1 b -\n[control]\nlldp = on\n");
+    ASSERT_TRUE(library.wait_for_events(5));
+    files.replace_config("");
+    ASSERT_TRUE(library.wait_for_events(7));
+    EXPECT_THAT(library.events(), ElementsAre("start", "add cap1", "remove cap1", "add cap1", "forward on 19",
+                                              "forward off 19", "remove cap1"));
+    EXPECT_THAT(fake_platform::ports(), IsEmpty());
 }
 
 TEST_F(connector_test, config_sends_the_agent_configuration_again) {

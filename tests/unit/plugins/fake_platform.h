@@ -12,8 +12,10 @@
 namespace fake_platform {
 
 void reset();
-std::map<uint32_t, std::string> ports(); // logical port -> interface
+std::map<uint32_t, std::string> ports(); // logical port -> interface, or "INPUT > OUTPUT"
 void fail_adds_with(uint32_t status);    // 0: adds succeed again
+void fail_plays_with(uint32_t status);   // 0: plays succeed again, with three frames
+bool is_up(uint32_t log_port);
 
 } // namespace fake_platform
 
