@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -704,8 +705,8 @@ decode_result decode(byte_view wire);
  * Appends the message to `out`. A statistics reply whose list is too long for one message becomes several: all but the
  * last have stats_reply_more set, the last has the flags of the record.
  *
- * @return false when the record cannot be said in the 16 bits of a length field (or a vendor action's body is not a
- *         multiple of eight bytes): nothing was appended.
+ * @return false when the record cannot be said: it needs more than the 16 bits of a length field, a vendor action's
+ *         body is not a multiple of eight bytes, or a min_rate property's body is not eight. Nothing was appended then.
  */
 [[nodiscard]] bool encode(bytes &out, uint32_t xid, const message_body &body);
 [[nodiscard]] bool encode(bytes &out, const message &one);
@@ -716,7 +717,7 @@ decode_result decode(byte_view wire);
 /* Appends an error that quotes the start of `request` (a whole message, or what there is of it) under its transaction
  * number; text_error instead carries a text, as hello_failed does. */
 void encode_error(bytes &out, byte_view request, error_type type, uint16_t code);
-void encode_error_text(bytes &out, uint32_t xid, error_type type, uint16_t code, const std::string &text);
+void encode_error_text(bytes &out, uint32_t xid, error_type type, uint16_t code, std::string_view text);
 
 /*
  * Writes a statistics reply of unknown length entry by entry, beginning a new part where one is full. `out` is written
@@ -738,9 +739,9 @@ class stats_reply_writer {
     void finish(uint16_t flags = 0);
 
   private:
-    template <typename entry_type> bool add_entry(stats_type kind, size_t size, const entry_type &entry);
+    template <typename entry_type> bool add_entry(stats_type kind, const entry_type &entry);
     void begin_part();
-    void end_part(uint16_t flags);
+    void end_part(size_t end, uint16_t flags);
 
     bytes &out_;
     size_t part_start_ = 0;
