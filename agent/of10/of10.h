@@ -335,7 +335,7 @@ struct action_enqueue {
 };
 struct action_vendor {
     uint32_t vendor = 0;
-    bytes body; // a multiple of eight bytes
+    bytes body{}; // a multiple of eight bytes
     bool operator==(const action_vendor &) const = default;
 };
 
@@ -359,29 +359,29 @@ inline constexpr size_t max_actions_size = (max_message_size - 12 - 88) / 8 * 8;
 /* The version that the peer offered: any that negotiates to ours arrives here, others are a failure of decode(). */
 struct hello {
     uint8_t version = protocol_version;
-    bytes elements; // not looked at by this version, but for the version bitmap that newer peers send
+    bytes elements{}; // not looked at by this version, but for the version bitmap that newer peers send
     bool operator==(const hello &) const = default;
 };
 
 struct error {
     uint16_t type = 0; // an error_type, or one that only the peer knows
     uint16_t code = 0;
-    bytes data; // the start of the refused request; text for hello_failed
+    bytes data{}; // the start of the refused request; text for hello_failed
     bool operator==(const error &) const = default;
 };
 
 struct echo_request {
-    bytes data;
+    bytes data{};
     bool operator==(const echo_request &) const = default;
 };
 struct echo_reply {
-    bytes data;
+    bytes data{};
     bool operator==(const echo_reply &) const = default;
 };
 
 struct vendor {
     uint32_t vendor_id = 0;
-    bytes body;
+    bytes body{};
     bool operator==(const vendor &) const = default;
 };
 
@@ -392,7 +392,7 @@ struct features_request {
 struct phy_port {
     uint16_t port_no = 0;
     mac_address hw_addr{};
-    std::string name; // 15 characters at most: encode() cuts what is longer, and at a NUL
+    std::string name{}; // 15 characters at most: encode() cuts what is longer, and at a NUL
     uint32_t config = 0;
     uint32_t state = 0;
     uint32_t curr = 0;
@@ -408,7 +408,7 @@ struct features_reply {
     uint8_t n_tables = 0;
     uint32_t capabilities = 0;
     uint32_t actions = 0; // bit N: action type N is supported
-    std::vector<phy_port> ports;
+    std::vector<phy_port> ports{};
     bool operator==(const features_reply &) const = default;
 };
 
@@ -435,12 +435,12 @@ struct packet_in_fields {
     bool operator==(const packet_in_fields &) const = default;
 };
 struct packet_in : packet_in_fields {
-    bytes data;
+    bytes data{};
     bool operator==(const packet_in &) const = default;
 };
 
 struct flow_removed {
-    flow_match match;
+    flow_match match{};
     uint64_t cookie = 0;
     uint16_t priority = default_priority;
     flow_removed_reason reason = flow_removed_reason::idle_timeout;
@@ -454,20 +454,20 @@ struct flow_removed {
 
 struct port_status {
     port_reason reason = port_reason::modify;
-    phy_port desc;
+    phy_port desc{};
     bool operator==(const port_status &) const = default;
 };
 
 struct packet_out {
     uint32_t buffer_id = buffer_none;
     uint16_t in_port = ports::none;
-    action_list actions;
-    bytes data; // meaningful when buffer_id is buffer_none
+    action_list actions{};
+    bytes data{}; // meaningful when buffer_id is buffer_none
     bool operator==(const packet_out &) const = default;
 };
 
 struct flow_mod {
-    flow_match match;
+    flow_match match{};
     uint64_t cookie = 0;
     flow_mod_command command = flow_mod_command::add;
     uint16_t idle_timeout = flow_permanent;
@@ -476,7 +476,7 @@ struct flow_mod {
     uint32_t buffer_id = buffer_none;
     uint16_t out_port = ports::none; // filter of the two deleting commands
     uint16_t flags = 0;
-    action_list actions;
+    action_list actions{};
     bool operator==(const flow_mod &) const = default;
 };
 
@@ -505,17 +505,17 @@ enum class queue_property_type : uint16_t { none = 0, min_rate = 1 };
 
 struct queue_property {
     queue_property_type type = queue_property_type::none;
-    bytes body; // after the eight bytes of its head; of min_rate: the rate in two bytes, and six of padding
+    bytes body{}; // after the eight bytes of its head; of min_rate: the rate in two bytes, and six of padding
     bool operator==(const queue_property &) const = default;
 };
 struct packet_queue {
     uint32_t queue_id = 0;
-    std::vector<queue_property> properties;
+    std::vector<queue_property> properties{};
     bool operator==(const packet_queue &) const = default;
 };
 struct queue_get_config_reply {
     uint16_t port = 0;
-    std::vector<packet_queue> queues;
+    std::vector<packet_queue> queues{};
     bool operator==(const queue_get_config_reply &) const = default;
 };
 
@@ -525,13 +525,13 @@ struct desc_stats_request {
     bool operator==(const desc_stats_request &) const = default;
 };
 struct flow_stats_request {
-    flow_match match;
+    flow_match match{};
     uint8_t table_id = table_all;
     uint16_t out_port = ports::none;
     bool operator==(const flow_stats_request &) const = default;
 };
 struct aggregate_stats_request {
-    flow_match match;
+    flow_match match{};
     uint8_t table_id = table_all;
     uint16_t out_port = ports::none;
     bool operator==(const aggregate_stats_request &) const = default;
@@ -550,7 +550,7 @@ struct queue_stats_request {
 };
 struct vendor_stats {
     uint32_t vendor_id = 0;
-    bytes body;
+    bytes body{};
     bool operator==(const vendor_stats &) const = default;
 };
 
@@ -560,22 +560,22 @@ using stats_request_body = std::variant<desc_stats_request, flow_stats_request, 
 
 struct stats_request {
     uint16_t flags = 0; // none is defined
-    stats_request_body body;
+    stats_request_body body{};
     bool operator==(const stats_request &) const = default;
 };
 
 /* Texts are cut to one less than their field on the wire: 255 characters, 31 of the serial number. */
 struct desc_stats {
-    std::string mfr_desc;
-    std::string hw_desc;
-    std::string sw_desc;
-    std::string serial_num;
-    std::string dp_desc;
+    std::string mfr_desc{};
+    std::string hw_desc{};
+    std::string sw_desc{};
+    std::string serial_num{};
+    std::string dp_desc{};
     bool operator==(const desc_stats &) const = default;
 };
 struct flow_stats {
     uint8_t table_id = 0;
-    flow_match match;
+    flow_match match{};
     uint32_t duration_sec = 0;
     uint32_t duration_nsec = 0;
     uint16_t priority = default_priority;
@@ -584,7 +584,7 @@ struct flow_stats {
     uint64_t cookie = 0;
     uint64_t packet_count = 0;
     uint64_t byte_count = 0;
-    action_list actions;
+    action_list actions{};
     bool operator==(const flow_stats &) const = default;
 };
 struct aggregate_stats {
@@ -595,7 +595,7 @@ struct aggregate_stats {
 };
 struct table_stats {
     uint8_t table_id = 0;
-    std::string name; // 31 characters at most
+    std::string name{}; // 31 characters at most
     uint32_t wildcards = 0;
     uint32_t max_entries = 0;
     uint32_t active_count = 0;
@@ -634,7 +634,7 @@ using stats_reply_body = std::variant<desc_stats, std::vector<flow_stats>, aggre
 /* One part of a reply: stats_reply_more in `flags` says that another follows under the same transaction number. */
 struct stats_reply {
     uint16_t flags = 0;
-    stats_reply_body body;
+    stats_reply_body body{};
     bool operator==(const stats_reply &) const = default;
 };
 
@@ -651,7 +651,7 @@ using message_body = std::variant<hello, error, echo_request, echo_reply, vendor
 
 struct message {
     uint32_t xid = 0;
-    message_body body;
+    message_body body{};
     bool operator==(const message &) const = default;
 };
 
@@ -661,7 +661,7 @@ message_type type_of(const message_body &body) noexcept;
 struct decode_failure {
     uint8_t type = 0;          // the type byte of the offending message, known or not
     uint32_t xid = 0;          // its transaction number: the answer carries the same
-    of10::error answer;        // type, code, and the first bytes of the message (for hello_failed: a text)
+    of10::error answer{};      // type, code, and the first bytes of the message (for hello_failed: a text)
     bool answer_is_due = true; // false for an error message: errors are not answered by errors
     const char *reason = "";   // for the log, a literal
 };
