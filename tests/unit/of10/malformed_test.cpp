@@ -275,6 +275,14 @@ TEST(Malformed, LengthOfAQueueAndOfItsProperty) {
     with_other_lengths(wire, 16 + 8 + 2, always_refused);
 }
 
+TEST(Malformed, LengthOfAMinimumRateIsFixed) {
+    decoded(hex("01 15 00 28 (4)  00 01 (6)  00 00 00 02 00 18 (2)  00 01 00 10 (4) 00 64 (6)"));
+    for (const char *const wire : {"01 15 00 20 (4)  00 01 (6)  00 00 00 02 00 10 (2)  00 01 00 08 (4)",
+                                   "01 15 00 30 (4)  00 01 (6)  00 00 00 02 00 20 (2)  00 01 00 18 (4) 00 64 (14)"})
+        expect_error(hex(wire), error_type::bad_request, bad_request::bad_len);
+    decoded(hex("01 15 00 20 (4)  00 01 (6)  00 00 00 02 00 10 (2)  00 00 00 08 (4)")); // no property: as it comes
+}
+
 /* ---- Numbers that the protocol does not have
  * ---------------------------------------------------------------------------- */
 
