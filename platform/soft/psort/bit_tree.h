@@ -89,6 +89,19 @@ class bit_tree {
         return -1;
     }
 
+    // Members below `end`.
+    int32_t count_below(int32_t end) const {
+        int32_t count = 0;
+        const size_t whole_words = word_of(end);
+        for (size_t index = 0; index < whole_words; ++index) {
+            count += std::popcount(levels_[0][index]);
+        }
+        if ((end & 63) != 0) {
+            count += std::popcount(levels_[0][whole_words] & (bit(end) - 1));
+        }
+        return count;
+    }
+
   private:
     static size_t word_of(int32_t number) {
         return static_cast<size_t>(number) >> 6;

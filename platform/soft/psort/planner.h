@@ -1,7 +1,8 @@
 /*
  * Plans: which blocks the owner has to shift, in which order, before a new entry of a given priority has a free slot.
  * Planning looks at the shadow and changes nothing; whoever executes a plan issues its shifts in the order given, and
- * every prefix of them leaves a valid, ordered table. Nothing here calls the owner.
+ * every prefix of them leaves a valid, ordered table. Nothing here calls the owner. How the cheapest plan is found is
+ * plan_search's business; this is where an entry goes, and what the recent adds say about the next ones.
  */
 #ifndef KR_SOFT_PSORT_PLANNER_H
 #define KR_SOFT_PSORT_PLANNER_H
@@ -9,11 +10,12 @@
 #include <cstdint>
 #include <vector>
 
+#include "psort/plan_search.h"
 #include "psort/shadow.h"
 
 namespace kr_soft::psort {
 
-// The cost model: what a call of the owner costs beside the rules that it moves, in rules.
+// The cost model: what a shift call costs its owner beside the rules that it moves, in rules.
 constexpr int32_t call_cost = 10;
 
 // Shifts, and the slot that is free for the new entry once they are made.
@@ -22,15 +24,46 @@ struct plan {
     int32_t slot = -1;
 };
 
+// A row of adds each of which came directly above (or directly below) the one before it.
+struct add_sequence {
+    enum direction_type : int8_t { none, upward, downward }; // towards higher priorities, that is lower slots
+
+    // Whether that is no accident. In random order, about one add in count^2 / 2 is the third of such a row, except
+    // that the first few entries of a table have hardly any other place to go.
+    bool is_established(int32_t count) const {
+        return length >= (count < small_count ? 6 : 3);
+    }
+
+    static constexpr int32_t small_count = 30;
+
+    direction_type direction = none;
+    int32_t length = 0;
+    uint64_t last_key = 0;
+};
+
 class planner {
   public:
     planner() = default;
-    explicit planner(int32_t table_size);
+    planner(int32_t table_size, uint32_t min_priority, uint32_t max_priority);
 
     // Plans an add. The table is not full. The result stays valid until the next call.
     const plan &plan_add(const shadow &table, uint32_t priority);
 
+    // The planned entry has been placed.
+    void added(uint64_t key);
+
   private:
+    void follow_sequence(const shadow &table, const span &room);
+    bool plan_retreat(const shadow &table, const span &room);
+    void plan_pull(const shadow &table, const span &room);
+    int32_t slot_beside_level(const shadow &table, const span &room) const;
+    int32_t slot_in_gap(const shadow &table, const span &room, uint32_t priority, int32_t begin, int32_t end) const;
+
+    double min_priority_ = 0;
+    double max_priority_ = 0;
+    add_sequence sequence_;
+    add_sequence next_sequence_; // once the planned entry is in
+    plan_search search_;
     plan result_;
 };
 

@@ -21,7 +21,9 @@ namespace {
 
 // The memory that entries need, taken in one go so that an add in the middle of a table's life never allocates.
 struct table_storage {
-    explicit table_storage(int32_t size) : entries(size), plans(size) {}
+    explicit table_storage(const psort_table_attributes &attributes)
+        : entries(static_cast<int32_t>(attributes.table_size)),
+          plans(static_cast<int32_t>(attributes.table_size), attributes.min_priority, attributes.max_priority) {}
 
     shadow entries;
     planner plans;
@@ -102,7 +104,7 @@ kr_utils_status ensure_storage(table &owner) {
         return KR_UTILS_STATUS_SUCCESS;
     }
     try {
-        owner.storage = std::make_unique<table_storage>(static_cast<int32_t>(owner.attributes.table_size));
+        owner.storage = std::make_unique<table_storage>(owner.attributes);
         return KR_UTILS_STATUS_SUCCESS;
     } catch (const std::bad_alloc &) {
         return KR_UTILS_STATUS_NO_MEMORY;
@@ -130,6 +132,7 @@ kr_utils_status add_entry(table &owner, psort_entry &entry) {
         }
     }
     entries.place(entry.key, entry.priority, todo.slot);
+    owner.storage->plans.added(entry.key);
     entry.index = static_cast<uint32_t>(todo.slot);
     notify_if_risen(owner, static_cast<uint32_t>(entries.count()));
     return KR_UTILS_STATUS_SUCCESS;
@@ -168,7 +171,7 @@ kr_utils_status init(psort_handle *handle, const psort_table_attributes *attribu
     try {
         auto made = std::make_unique<table>();
         made->attributes = *attributes;
-        made->storage = std::make_unique<table_storage>(static_cast<int32_t>(attributes->table_size));
+        made->storage = std::make_unique<table_storage>(*attributes);
         table_registry &all = registry();
         const std::lock_guard lock(all.mutex);
         const psort_handle key = made.get();

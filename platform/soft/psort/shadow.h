@@ -75,6 +75,10 @@ class shadow {
         return free_.prev(slot);
     }
 
+    int32_t free_before(int32_t slot) const {
+        return free_.count_below(slot);
+    }
+
     // The slot of a key, or -1.
     int32_t find(uint64_t key) const {
         return index_.find(key, keys_);

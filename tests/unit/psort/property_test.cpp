@@ -51,6 +51,8 @@ constexpr priority_source priority_sources[] = {
                          uint64_t step) { return static_cast<uint32_t>((step / 20 * 7919 % 65000) + random() % 40); }},
 };
 
+constexpr priority_source gapless_sources[] = {priority_sources[0], priority_sources[3], priority_sources[8]};
+
 class placement_property : public testing::TestWithParam<std::tuple<uint32_t, priority_source>> {
   protected:
     placement_property() : size(std::get<0>(GetParam())), owner(size), random(seed() + size) {
@@ -199,6 +201,47 @@ TEST_P(placement_property, background_steps_finish_and_stay_finished) {
     EXPECT_EQ(owner.check_all(), "");
 }
 
+// Each add is refused at its first notification, retried and refused at its second, and so on until it goes in: every
+// notification of every plan fails once, and what the plan did before that stays valid.
+TEST_P(placement_property, retries_adds_that_fail_at_each_of_their_notifications) {
+    const uint32_t fill = size <= 1000 ? size : size - size / 20;
+    while (keys.size() < fill) {
+        uint64_t successes = 0;
+        kr_utils_status status = KR_UTILS_STATUS_ERROR;
+        while (status != KR_UTILS_STATUS_SUCCESS) {
+            ASSERT_LE(successes, uint64_t{size}) << "seed " << seed() << ": no plan comes to an end";
+            owner.fail_shifts_after(successes++, KR_UTILS_STATUS_DEVICE_ERROR);
+            status = add(next_key);
+            ASSERT_TRUE(status == KR_UTILS_STATUS_SUCCESS || status == KR_UTILS_STATUS_DEVICE_ERROR);
+            ASSERT_EQ(owner.complaints(), "") << "seed " << seed() << ", entry " << next_key;
+        }
+        owner.heal();
+        ++next_key;
+    }
+    EXPECT_EQ(owner.check_all(), "") << "seed " << seed();
+    EXPECT_EQ(owner.count(), fill);
+}
+
+// After a clear nothing is left: no key can be deleted, and there is room for as many entries as on the first day.
+TEST_P(placement_property, is_empty_after_a_clear) {
+    for (const uint32_t fill : {size, size / 2, 1U}) {
+        while (keys.size() < fill) {
+            ASSERT_EQ(add(next_key++), KR_UTILS_STATUS_SUCCESS);
+        }
+        ASSERT_EQ(psort_clear_table(handle), KR_UTILS_STATUS_SUCCESS);
+        owner.cleared();
+        for (const uint64_t key : keys) {
+            psort_entry entry = {key, 0, 0};
+            ASSERT_EQ(psort_entry_set(handle, PSORT_CMD_DELETE, &entry), KR_UTILS_STATUS_ENTRY_NOT_FOUND);
+        }
+        keys.clear();
+    }
+    while (keys.size() < size) {
+        ASSERT_EQ(add(next_key++), KR_UTILS_STATUS_SUCCESS);
+    }
+    EXPECT_EQ(owner.check_all(), "") << "seed " << seed();
+}
+
 std::string name_of(const testing::TestParamInfo<placement_property::ParamType> &info) {
     std::string name = std::to_string(std::get<0>(info.param)) + "_" + std::get<1>(info.param).name;
     for (char &letter : name) {
@@ -206,6 +249,71 @@ std::string name_of(const testing::TestParamInfo<placement_property::ParamType> 
     }
     return name;
 }
+
+// One trace, run again for each of its notifications, which then fails: once alone, once with all behind it.
+class placement_fault : public testing::TestWithParam<priority_source> {
+  protected:
+    static constexpr uint32_t size = 48;
+    static constexpr uint64_t operations = 4 * size;
+
+    // Returns how many shifts succeeded. Keys are dealt by step, so that every run sees the same trace up to its fault.
+    uint64_t run(uint64_t failing_shift, bool heals) {
+        placement_owner owner(size);
+        psort_table_attributes attributes = owner.attributes();
+        psort_handle handle = nullptr;
+        EXPECT_EQ(psort_init(&handle, &attributes), KR_UTILS_STATUS_SUCCESS);
+        std::mt19937_64 random(seed());
+        owner.fail_shifts_after(failing_shift, KR_UTILS_STATUS_DEVICE_ERROR);
+        for (uint64_t step = 1; step <= operations && owner.complaints().empty(); ++step) {
+            const uint64_t failures = owner.failed_calls();
+            operate(&owner, handle, &random, step);
+            if (heals && owner.failed_calls() > failures) {
+                owner.heal();
+            }
+        }
+        EXPECT_EQ(owner.check_all(), "") << "seed " << seed() << ", failing shift " << failing_shift;
+        EXPECT_EQ(psort_clear_table(handle), KR_UTILS_STATUS_SUCCESS);
+        return owner.shift_calls();
+    }
+
+  private:
+    void operate(placement_owner *owner, psort_handle handle, std::mt19937_64 *random, uint64_t step) const {
+        const uint64_t failures = owner->failed_calls();
+        const uint32_t priority = GetParam().draw(*random, step);
+        const uint64_t victim = step - 1 - (*random)() % (size / 2);
+        if (step > size && owner->has(victim)) {
+            psort_entry gone = {victim, 0, 0};
+            EXPECT_EQ(psort_entry_set(handle, PSORT_CMD_DELETE, &gone), KR_UTILS_STATUS_SUCCESS);
+            owner->deleted(victim);
+        }
+        if (owner->count() == size) {
+            return;
+        }
+        psort_entry entry = {step, priority, UINT32_MAX};
+        const kr_utils_status status = psort_entry_set(handle, PSORT_CMD_ADD, &entry);
+        EXPECT_EQ(status, owner->failed_calls() == failures ? 0U : uint32_t{KR_UTILS_STATUS_DEVICE_ERROR});
+        if (status == KR_UTILS_STATUS_SUCCESS) {
+            owner->added(entry);
+        } else {
+            EXPECT_EQ(entry.index, UINT32_MAX) << "an output was written on failure";
+        }
+    }
+};
+
+TEST_P(placement_fault, at_each_notification_of_a_trace_loses_nothing) {
+    const uint64_t shifts = run(UINT64_MAX, true);
+    for (uint64_t failing_shift = 0; failing_shift < shifts; ++failing_shift) {
+        run(failing_shift, true);
+        run(failing_shift, false);
+        ASSERT_FALSE(HasFailure());
+    }
+}
+
+std::string fault_name_of(const testing::TestParamInfo<priority_source> &info) {
+    return name_of({{1, info.param}, info.index});
+}
+
+INSTANTIATE_TEST_SUITE_P(all, placement_fault, testing::ValuesIn(priority_sources), fault_name_of);
 
 INSTANTIATE_TEST_SUITE_P(small, placement_property,
                          testing::Combine(testing::Values(1U, 2U, 3U, 4U, 5U, 8U, 15U, 63U, 64U, 65U),
@@ -215,5 +323,8 @@ INSTANTIATE_TEST_SUITE_P(flow_table, placement_property,
                          testing::Combine(testing::Values(1000U), testing::ValuesIn(priority_sources)), name_of);
 INSTANTIATE_TEST_SUITE_P(large, placement_property,
                          testing::Combine(testing::Values(6000U), testing::ValuesIn(priority_sources)), name_of);
+// Without the sources that leave the owner, which looks at every free slot next to a change, the longest gaps.
+INSTANTIATE_TEST_SUITE_P(largest, placement_property,
+                         testing::Combine(testing::Values(65536U), testing::ValuesIn(gapless_sources)), name_of);
 
 } // namespace

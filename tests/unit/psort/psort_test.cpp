@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "placement_owner.h"
+#include "tests/support/allocation_counter.h"
 
 namespace {
 
@@ -174,6 +175,29 @@ TEST(psort_entry_set, a_delete_never_shifts) {
     }
     EXPECT_EQ(one.owner.shift_calls() + one.owner.failed_calls(), before);
     EXPECT_EQ(one.owner.count(), 0U);
+}
+
+// The table is filled and churned at its fullest, so that plans of every kind are made.
+TEST(psort_entry_set, allocates_nothing) {
+    placement_owner shape(500);
+    psort_table_attributes attributes = shape.attributes();
+    attributes.notification_callback = [](uint32_t, psort_notification_data *, void *) {
+        return kr_utils_status{KR_UTILS_STATUS_SUCCESS};
+    };
+    psort_handle handle = nullptr;
+    ASSERT_EQ(psort_init(&handle, &attributes), KR_UTILS_STATUS_SUCCESS);
+    uint32_t refused = 0;
+    const kr_test::allocation_counter counter;
+    for (uint64_t step = 1; step <= 5000; ++step) {
+        psort_entry entry = {step, static_cast<uint32_t>(step < 250 ? 5 * step : step * 40503 % 65521), 0};
+        refused += psort_entry_set(handle, PSORT_CMD_ADD, &entry) == KR_UTILS_STATUS_SUCCESS ? 0 : 1;
+        if (step >= 499) {
+            psort_entry gone = {step - 498, 0, 0};
+            refused += psort_entry_set(handle, PSORT_CMD_DELETE, &gone) == KR_UTILS_STATUS_SUCCESS ? 0 : 1;
+        }
+    }
+    EXPECT_EQ(counter.count(), 0U);
+    EXPECT_EQ(refused, 0U);
 }
 
 TEST(psort_entry_set, a_failing_shift_fails_the_add_with_its_own_status_and_loses_nothing) {
