@@ -2,8 +2,13 @@
  * Another reader that nobody here wrote: ovs-ofctl prints the samples, and its text must tell every field where it was
  * put. Vendor messages and actions are left out: it refuses vendors that it does not know.
  */
+#include "of10/text.h"
 #include "peer_program.h"
 #include "support.h"
+#include "tests/support/test_seed.h"
+
+#include <algorithm>
+#include <random>
 
 namespace {
 
@@ -123,6 +128,43 @@ TEST(Ofctl, PrintsEveryFieldOfEverySample) {
     EXPECT_EQ(text.find("decode error"), std::string::npos) << text;
     for (const char *const expected : expected_texts)
         EXPECT_NE(text.find(expected), std::string::npos) << "missing: " << expected;
+    if (HasFailure())
+        std::printf("%s", text.c_str());
+}
+
+/* Flow-mods at random: the texts that this codec makes for logs are the reader's own, word by word. */
+TEST(Ofctl, AgreesAboutTheTextOfMatchesAndActions) {
+    SCOPED_TRACE("KR_TEST_SEED=" + std::to_string(kr_test::test_seed()));
+    std::mt19937_64 random(kr_test::test_seed());
+    const auto number = [&](auto limit) { return static_cast<decltype(limit)>(random() % limit); };
+    std::vector<message> flows;
+    for (uint32_t xid = 1; xid <= 300; ++xid) {
+        flow_mod &flow = std::get<flow_mod>(flows.emplace_back(message{xid, flow_mod{}}).body);
+        flow.match = busy_match();
+        flow.match.wildcards = static_cast<uint32_t>(random() & random());
+        flow.match.in_port = static_cast<uint16_t>(1 + number(uint16_t{0xfeff}));
+        flow.match.dl_vlan = number(uint16_t{4096});
+        flow.match.dl_type = std::array<uint16_t, 4>{0x0800, 0x0800, 0x0806, 0x88cc}[number(size_t{4})];
+        flow.match.nw_proto = std::array<uint8_t, 4>{1, 6, 17, 2}[number(size_t{4})];
+        flow.match.nw_src = static_cast<uint32_t>(random());
+        flow.match.nw_dst = static_cast<uint32_t>(random());
+        flow.match.tp_src = number(uint16_t{256}); // as ICMP has them
+        flow.match.tp_dst = number(uint16_t{256});
+        flow.priority = static_cast<uint16_t>(1 + number(uint16_t{0x7fff}));
+        flow.actions = every_action();
+        std::shuffle(flow.actions.begin(), flow.actions.end(), random);
+        flow.actions.resize(number(size_t{5}));
+        drop_vendor_actions(flow.actions);
+    }
+    const std::string text = printed(flows);
+    for (const message &one : flows) {
+        const auto &flow = std::get<flow_mod>(one.body);
+        std::ostringstream expected;
+        const std::string match = to_string(flow.match);
+        expected << "OFPT_FLOW_MOD (xid=0x" << std::hex << one.xid << "): ADD priority=" << std::dec << flow.priority
+                 << (match.empty() ? "" : ",") << match << " actions=" << to_string(flow.actions) << "\n";
+        EXPECT_NE(text.find(expected.str()), std::string::npos) << "missing: " << expected.str();
+    }
     if (HasFailure())
         std::printf("%s", text.c_str());
 }
