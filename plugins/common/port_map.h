@@ -1,7 +1,7 @@
 /*
- * Which Linux interface, if any, stands behind an OF port: the connector writes it when it adds and removes ports, the port
- * plug-in reads it. One per process, shared by both plug-ins. A port that the connector has not added is not in it, so
- * that a port operation never reaches an interface of the host that is no port of the switch.
+ * Which Linux interface, if any, stands behind an OF port: the connector writes it when it adds and removes ports, the
+ * port plug-in reads it. One per process, shared by both plug-ins. A port that the connector has not added is not in
+ * it, so that a port operation never reaches an interface of the host that is no port of the switch.
  *
  * It is not the library's port database and knows nothing of flows or events.
  */

@@ -1,6 +1,7 @@
 /*
- * The hosts around the switch: network namespaces h1, h2, ... with one interface, eth0, each. They ping, transfer and
- * count with ordinary programs; nothing here knows the switch.
+ * The hosts around the switch, as the demonstration's steps see them: they ping, transfer and count. They stand either
+ * in network namespaces (here), where ordinary programs do that, or behind capture files (capture_hosts.h). Nothing
+ * here knows the switch.
  */
 #ifndef KR_DEMO_HOSTS_H
 #define KR_DEMO_HOSTS_H
@@ -14,10 +15,22 @@ struct interface_counters {
     uint64_t rx_packets, rx_bytes, tx_packets, tx_bytes;
 };
 
+inline interface_counters operator-(const interface_counters &now, const interface_counters &before) {
+    return {now.rx_packets - before.rx_packets, now.rx_bytes - before.rx_bytes, now.tx_packets - before.tx_packets,
+            now.tx_bytes - before.tx_bytes};
+}
+
+// Every operation throws demo::failure when it can't be done, and demo::interrupted after Ctrl-C.
 class host {
   public:
     explicit host(int number) : number_(number), name_("h" + std::to_string(number)) {}
+    virtual ~host() = default;
+    host(const host &) = delete;
+    host &operator=(const host &) = delete;
 
+    int number() const {
+        return number_;
+    }
     const std::string &name() const {
         return name_;
     }
@@ -25,25 +38,34 @@ class host {
         return "10.0.0." + std::to_string(number_);
     }
 
-    // What the host's own kernel counted on eth0.
-    interface_counters counters() const;
-
-    // Sends `count` echo requests 10 ms apart; returns how many were answered within a second.
-    int ping(const std::string &address, int count) const;
-
-    // Sends `megabytes` of random data over TCP; throws demo::failure unless what arrives has the same SHA-256.
-    // Returns the rate in Gbit/s.
-    double transfer(const host &to, int megabytes) const;
-
-    // Runs a shell command in the host; its exit status, and what it printed if `output` is given.
-    int run(const std::string &command, std::string *output = nullptr) const;
+    // What the host itself counted on its interface.
+    virtual interface_counters counters() = 0;
+    // Sends `count` echo requests; returns how many were answered.
+    virtual int ping(host &to, int count) = 0;
+    // Sends much random data over TCP; throws unless what arrives is what was sent. Returns how it went, for a person.
+    virtual std::string transfer(host &to) = 0;
+    virtual void link_set(bool up) = 0;
 
   private:
     int number_;
     std::string name_;
 };
 
-// Runs a shell command here; `output` receives what it prints. Throws demo::interrupted after Ctrl-C.
+// Network namespaces h1, h2, ... with one interface, eth0, each.
+class namespace_host final : public host {
+  public:
+    using host::host;
+
+    interface_counters counters() override;
+    int ping(host &to, int count) override;
+    std::string transfer(host &to) override;
+    void link_set(bool up) override;
+
+  private:
+    int run(const std::string &command, std::string *output) const;
+};
+
+// Runs a shell command; `output` receives what it prints. Returns its exit status; -1 when it did not end by itself.
 int run_command(const std::string &command, std::string *output = nullptr);
 
 } // namespace demo

@@ -23,11 +23,15 @@ inline void block_interrupts() {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
-inline void throw_if_interrupted() {
+inline bool is_interrupted() {
     sigset_t pending;
     sigpending(&pending);
-    if (sigismember(&pending, SIGINT) == 1 || sigismember(&pending, SIGTERM) == 1 ||
-        sigismember(&pending, SIGHUP) == 1) {
+    return sigismember(&pending, SIGINT) == 1 || sigismember(&pending, SIGTERM) == 1 ||
+           sigismember(&pending, SIGHUP) == 1;
+}
+
+inline void throw_if_interrupted() {
+    if (is_interrupted()) {
         throw interrupted();
     }
 }

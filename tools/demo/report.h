@@ -8,6 +8,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "tools/demo/interrupt.h"
+
 namespace demo {
 
 // Why a step failed, in words for a person.
@@ -33,10 +35,11 @@ class report {
         try {
             const std::string result = run();
             passed_++;
-            printf("  \xe2\x9c\x93   %-58s %s\n", text, result.c_str());
+            printf("  \xe2\x9c\x93   %-60s %s\n", text, result.c_str());
         } catch (const failure &why) {
+            throw_if_interrupted(); // then the rest of the way down is reason enough
             failed_++;
-            printf("  \xe2\x9c\x97   %-58s %s\n", text, why.what());
+            printf("  \xe2\x9c\x97   %-60s %s\n", text, why.what());
         }
         fflush(stdout);
     }

@@ -164,7 +164,7 @@ void switch_client::handle(const hal_event_record &record) {
         break;
     }
     case EVENT_PORT_OPER_STATE_CHANGE:
-        oper_states_.emplace_back(record.payload.port_oper.port, record.payload.port_oper.oper_state);
+        oper_states_[record.payload.port_oper.port] = record.payload.port_oper.oper_state;
         break;
     case EVENT_PACKET_IN:
     case EVENT_PACKET_MISS:
@@ -192,8 +192,11 @@ uint32_t switch_client::of_port(const std::string &interface_name) {
     throw failure("no port on " + interface_name);
 }
 
-hal_event_record switch_client::wait_packet() {
-    wait_until("a packet", [&] { return !packets_.empty(); });
+hal_event_record switch_client::wait_packet(uint32_t type) {
+    wait_until("a packet", [&] {
+        std::erase_if(packets_, [&](const hal_event_record &record) { return record.type != type; });
+        return !packets_.empty();
+    });
     const std::lock_guard lock(mutex_);
     const hal_event_record record = packets_.front();
     packets_.pop_front();
@@ -207,8 +210,8 @@ void switch_client::drop_packets() {
 
 void switch_client::wait_oper_state(uint32_t of_port, uint32_t oper_state) {
     wait_until("the link change", [&] {
-        return std::find(oper_states_.begin(), oper_states_.end(), std::pair(of_port, oper_state)) !=
-               oper_states_.end();
+        const auto last = oper_states_.find(of_port);
+        return last != oper_states_.end() && last->second == oper_state;
     });
 }
 

@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -44,8 +45,9 @@ class switch_client {
     std::vector<port> ports();
     uint32_t of_port(const std::string &interface_name);
 
-    // The next packet-in or packet-miss; throws demo::failure when none comes in time.
-    hal_event_record wait_packet();
+    // The next frame that came as `type` (packet-in or packet-miss); those of the other are passed over. Throws
+    // demo::failure when none comes in time.
+    hal_event_record wait_packet(uint32_t type);
     void drop_packets();
     // Waits for the operational state of a port to become `oper_state`.
     void wait_oper_state(uint32_t of_port, uint32_t oper_state);
@@ -70,7 +72,7 @@ class switch_client {
     bool running_ = false;
     std::vector<port> ports_;
     std::deque<hal_event_record> packets_;
-    std::vector<std::pair<uint32_t, uint32_t>> oper_states_;
+    std::map<uint32_t, uint32_t> oper_states_; // by OF port: what the last event said
 };
 
 } // namespace demo
