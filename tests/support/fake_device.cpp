@@ -18,8 +18,6 @@
 namespace kr_test {
 namespace {
 
-constexpr uint64_t device_handle = 0x1122334455667788;
-
 struct queued {
     kr_receive_info info;
     std::string frame;
@@ -29,6 +27,7 @@ struct device_state {
     std::mutex mutex;
     std::map<int, std::deque<queued>> queues;
     std::vector<int> descriptors;
+    std::vector<device_call> calls;
     std::vector<trap_call> traps;
     std::vector<sent_packet> packets;
     kr_log_callback log_callback = nullptr;
@@ -40,6 +39,11 @@ device_state &state() {
     return *instance;
 }
 
+void add_device_call(const char *name, uint64_t handle, uint32_t argument) {
+    const std::lock_guard lock(state().mutex);
+    state().calls.push_back({name, handle, argument});
+}
+
 } // namespace
 
 void device_reset() {
@@ -49,6 +53,7 @@ void device_reset() {
     }
     state().queues.clear();
     state().descriptors.clear();
+    state().calls.clear();
     state().traps.clear();
     state().packets.clear();
     state().log_callback = nullptr;
@@ -69,6 +74,11 @@ void device_keep_frames(bool keep) {
 std::vector<int> device_descriptors() {
     const std::lock_guard lock(state().mutex);
     return state().descriptors;
+}
+
+std::vector<device_call> take_device_calls() {
+    const std::lock_guard lock(state().mutex);
+    return std::exchange(state().calls, {});
 }
 
 std::vector<trap_call> take_trap_calls() {
@@ -95,22 +105,24 @@ kr_status kr_api_open(kr_log_callback log_callback, kr_api_handle *handle) {
     if (status == 0) {
         const std::lock_guard lock(state().mutex);
         state().log_callback = log_callback;
-        *handle = device_handle;
+        *handle = fake_device_handle;
     }
     return status;
 }
 
 kr_status kr_api_close(kr_api_handle *handle) {
     const uint32_t status = called("kr_api_close");
+    add_device_call("kr_api_close", *handle, 0);
     if (status == 0) {
         *handle = 0;
     }
     return status;
 }
 
-kr_status kr_api_port_state_get(kr_api_handle, uint32_t log_port, uint32_t *oper_state, uint32_t *admin_state,
+kr_status kr_api_port_state_get(kr_api_handle handle, uint32_t log_port, uint32_t *oper_state, uint32_t *admin_state,
                                 uint32_t *module_state) {
     const uint32_t status = called("kr_api_port_state_get");
+    add_device_call("kr_api_port_state_get", handle, log_port);
     if (status == 0) {
         *oper_state = log_port + 1; // a value that no default could be
         *admin_state = KR_PORT_ADMIN_UP;
@@ -119,7 +131,7 @@ kr_status kr_api_port_state_get(kr_api_handle, uint32_t log_port, uint32_t *oper
     return status;
 }
 
-kr_status kr_api_host_ifc_open(kr_api_handle, kr_host_ifc_fd *descriptor) {
+kr_status kr_api_host_ifc_open(kr_api_handle handle, kr_host_ifc_fd *descriptor) {
     const uint32_t status = called("kr_api_host_ifc_open");
     if (status == 0) {
         const std::lock_guard lock(state().mutex);
@@ -128,11 +140,13 @@ kr_status kr_api_host_ifc_open(kr_api_handle, kr_host_ifc_fd *descriptor) {
         state().descriptors.push_back(descriptor->fd);
         state().queues[descriptor->fd];
     }
+    add_device_call("kr_api_host_ifc_open", handle, status == 0 ? static_cast<uint32_t>(descriptor->fd) : 0);
     return status;
 }
 
-kr_status kr_api_host_ifc_close(kr_api_handle, kr_host_ifc_fd *descriptor) {
+kr_status kr_api_host_ifc_close(kr_api_handle handle, kr_host_ifc_fd *descriptor) {
     const uint32_t status = called("kr_api_host_ifc_close");
+    add_device_call("kr_api_host_ifc_close", handle, static_cast<uint32_t>(descriptor->fd));
     if (status == 0) {
         const std::lock_guard lock(state().mutex);
         std::erase(state().descriptors, descriptor->fd);
@@ -147,7 +161,8 @@ kr_status kr_api_host_ifc_trap_id_register_set(kr_api_handle handle, uint32_t co
                                                kr_user_channel *channel) {
     const uint32_t status = called("kr_api_host_ifc_trap_id_register_set");
     const std::lock_guard lock(state().mutex);
-    state().traps.push_back({handle, command, swid, trap_id, channel->type, channel->descriptor.fd});
+    state().traps.push_back(
+        {handle, command, swid, trap_id, channel->type, channel->descriptor.fd, channel->descriptor.valid});
     return status;
 }
 

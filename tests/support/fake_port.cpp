@@ -5,6 +5,7 @@
 #include "fakes.h"
 
 using kr_test::called;
+using kr_test::fake_port;
 using kr_test::fake_ports;
 using kr_test::result_of;
 
@@ -29,11 +30,12 @@ kr_sdn_hal_status port_set(uint32_t command, uint32_t ifindex, int32_t requested
                            uint32_t aux, uint32_t *of_port) {
     if (command == PORT_CMD_ADD) {
         const uint32_t status = called(aux == 0 ? "port_set(add)" : "port_set(add, aux not 0)");
-        if (status == 0) {
-            *of_port = requested_of_port == 0 ? ifindex : static_cast<uint32_t>(requested_of_port) + 32768;
-            fake_ports()[*of_port] = {*of_port, ifindex, log_port};
+        if (status != 0) {
+            return status_of(status);
         }
-        return status_of(status);
+        *of_port = requested_of_port == 0 ? ifindex : static_cast<uint32_t>(requested_of_port) + 32768;
+        const bool added = fake_ports().try_emplace(*of_port, fake_port{*of_port, ifindex, log_port}).second;
+        return added ? KR_SDN_HAL_STATUS_SUCCESS : KR_SDN_HAL_STATUS_ENTRY_ALREADY_EXISTS;
     }
     const uint32_t status = called("port_set(remove)");
     if (status == 0) {
@@ -43,6 +45,10 @@ kr_sdn_hal_status port_set(uint32_t command, uint32_t ifindex, int32_t requested
 }
 
 kr_sdn_hal_status port_get(uint32_t of_port, const port_info **info) {
+    const uint32_t status = result_of("port_get");
+    if (status != 0) {
+        return status_of(status);
+    }
     const auto found = fake_ports().find(of_port);
     if (found == fake_ports().end()) {
         return KR_SDN_HAL_STATUS_ENTRY_NOT_FOUND;

@@ -59,6 +59,18 @@ void device_keep_frames(bool keep);
 // The descriptors that are open, oldest first.
 std::vector<int> device_descriptors();
 
+constexpr uint64_t fake_device_handle = 0x1122334455667788; // of kr_api_open
+
+// A call that names the device: its handle, and the logical port or the number of the descriptor that it is about.
+struct device_call {
+    std::string name;
+    uint64_t handle;
+    uint32_t argument;
+    bool operator==(const device_call &) const = default;
+};
+// kr_api_close, kr_api_port_state_get, kr_api_host_ifc_open and _close, failed or not.
+std::vector<device_call> take_device_calls();
+
 struct trap_call {
     uint64_t handle;
     uint32_t command;
@@ -66,6 +78,7 @@ struct trap_call {
     uint32_t trap_id;
     uint32_t channel_type;
     int fd;
+    uint32_t fd_valid = 1; // the whole descriptor record is handed over
     bool operator==(const trap_call &) const = default;
 };
 std::vector<trap_call> take_trap_calls();

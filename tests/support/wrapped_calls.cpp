@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <mutex>
+#include <utility>
 
 #include "fakes.h"
 #include "kr_complib.h"
@@ -18,14 +20,40 @@ using kr_test::result_of;
 namespace kr_test {
 namespace {
 std::atomic<size_t> write_limit_value{SIZE_MAX};
+std::atomic<int> writes_left{0};
 std::atomic<bool> is_recording{false};
+
+struct system_calls {
+    std::mutex mutex;
+    std::vector<written> writes;
+    std::vector<int> closed;
+};
+system_calls &calls() {
+    static auto *const instance = new system_calls; // threads of a failed test may outlive main
+    return *instance;
+}
 } // namespace
 
 void write_limit(size_t bytes) {
     write_limit_value = bytes;
 }
+void writes_before_failure(int count) {
+    writes_left = count;
+}
 void record_system_calls(bool on) {
+    if (on) {
+        (void)take_writes();
+        (void)take_closed();
+    }
     is_recording = on;
+}
+std::vector<written> take_writes() {
+    const std::lock_guard lock(calls().mutex);
+    return std::exchange(calls().writes, {});
+}
+std::vector<int> take_closed() {
+    const std::lock_guard lock(calls().mutex);
+    return std::exchange(calls().closed, {});
 }
 } // namespace kr_test
 
@@ -124,6 +152,8 @@ int __wrap_pipe(int *ends) {
 int __wrap_close(int fd) {
     if (kr_test::is_recording) {
         record("close");
+        const std::lock_guard lock(kr_test::calls().mutex);
+        kr_test::calls().closed.push_back(fd);
     }
     return __real_close(fd);
 }
@@ -132,8 +162,13 @@ int __wrap_close(int fd) {
 ssize_t __wrap_write(int fd, const void *bytes, size_t size) {
     if (kr_test::is_recording) {
         record(("write " + std::to_string(size)).c_str());
+        const std::lock_guard lock(kr_test::calls().mutex);
+        kr_test::calls().writes.push_back({fd, std::string(static_cast<const char *>(bytes), size)});
     }
-    const uint32_t error = result_of("write");
+    const uint32_t error = kr_test::writes_left > 0 ? 0 : result_of("write");
+    if (kr_test::writes_left > 0) {
+        kr_test::writes_left--;
+    }
     if (error == 1000) {
         return 0;
     }

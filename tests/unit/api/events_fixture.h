@@ -21,8 +21,6 @@ namespace kr_test {
 // How far the service is up.
 enum class events_stage { uninitialized, initialized, started };
 
-constexpr uint64_t fake_device_handle = 0x1122334455667788;
-
 // The journal since the last take; the line number of a prefix, which may change, is shown as #.
 call_list take_events_calls();
 
