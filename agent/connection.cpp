@@ -1,0 +1,244 @@
+/*
+ * Reading, cutting, queueing and writing of connection.h.
+ */
+#include "connection.h"
+
+#include <array>
+#include <cstring>
+
+namespace agent {
+namespace {
+
+constexpr size_t read_size = 64 * 1024;
+constexpr size_t kept_capacity = 512 * 1024; // of a queue that was larger once
+
+// Where bytes arrive before they are cut into messages; one is enough, because the loop has one thread.
+alignas(64) std::array<uint8_t, read_size> arrival;
+
+void queue_reset(of10::bytes &queue) {
+    queue.clear();
+    if (queue.capacity() > kept_capacity) {
+        queue.shrink_to_fit();
+    }
+}
+
+} // namespace
+
+connection::connection(event_loop &loop, std::unique_ptr<stream> bytes, connection_handler &handler, nanoseconds probe)
+    : loop_(loop), stream_(std::move(bytes)), handler_(handler), probe_(probe),
+      silence_(loop, [this] { check_silence(); }), resume_(loop, [this] { handle_kept(); }) {}
+
+void connection::start() {
+    watch_ = std::make_unique<fd_watch>(loop_, stream_->fd(),
+                                        [this](bool can_read, bool can_write) { ready(can_read, can_write); });
+    heard_ = clock_now();
+    if (probe_ > 0) {
+        silence_.start(probe_);
+    }
+    shake_hands();
+}
+
+void connection::shake_hands() {
+    const io_result result = stream_->handshake();
+    switch (result.state) {
+    case io_state::wait_read:
+        watch_->want(true, false);
+        return;
+    case io_state::wait_write:
+        watch_->want(false, true);
+        return;
+    case io_state::closed:
+    case io_state::failed:
+        close("handshake: " + (result.state == io_state::failed ? stream_->text() : "closed by the peer"));
+        return;
+    case io_state::done:
+        break;
+    }
+    is_open_ = true;
+    handler_.connection_open(*this);
+    send();
+}
+
+void connection::ready(bool can_read, bool can_write) {
+    if (!is_open_) {
+        shake_hands();
+        return;
+    }
+    // Under TLS a write may wait for reading, and the other way round.
+    if ((write_waits_ == io_state::wait_write && can_write) || (write_waits_ == io_state::wait_read && can_read)) {
+        send();
+    }
+    if (!is_closed_ &&
+        ((read_waits_ == io_state::wait_read && can_read) || (read_waits_ == io_state::wait_write && can_write))) {
+        receive();
+    }
+}
+
+/* ---- receiving ------------------------------------------------------------------------------------------------- */
+
+void connection::receive() {
+    if (is_held() || is_ending_) {
+        return;
+    }
+    do {
+        const io_result result = stream_->read(arrival);
+        switch (result.state) {
+        case io_state::wait_read:
+        case io_state::wait_write:
+            read_waits_ = result.state;
+            update_interest();
+            return;
+        case io_state::closed:
+            close("closed by the peer");
+            return;
+        case io_state::failed:
+            close(stream_->text());
+            return;
+        case io_state::done:
+            break;
+        }
+        read_waits_ = io_state::wait_read;
+        counts_.bytes_received += result.size;
+        heard_ = clock_now();
+        has_asked_ = false;
+        handle({arrival.data(), result.size});
+    } while (!is_closed_ && !is_ending_ && !is_held() && stream_->has_pending());
+}
+
+// Hands over all whole messages in `received`, or in what was kept before and `received`; keeps the rest.
+void connection::handle(of10::byte_view received) {
+    is_handling_ = true;
+    const bool has_kept = !input_.empty();
+    if (has_kept) {
+        input_.insert(input_.end(), received.begin(), received.end());
+    }
+    const of10::byte_view all = has_kept ? of10::byte_view(input_) : received;
+    const size_t used = hand_over(all);
+    if (!is_closed_) {
+        handler_.connection_turn_end(*this);
+    }
+    if (has_kept) {
+        input_.erase(input_.begin(), input_.begin() + static_cast<ptrdiff_t>(used));
+    } else {
+        input_.assign(all.begin() + static_cast<ptrdiff_t>(used), all.end());
+    }
+    is_handling_ = false;
+    send();
+}
+
+// Goes on with what was held back.
+void connection::handle_kept() {
+    if (!is_closed_ && !is_held()) {
+        handle({});
+    }
+}
+
+size_t connection::hand_over(of10::byte_view received) {
+    size_t used = 0;
+    while (!is_closed_ && !is_ending_ && !is_held()) {
+        const of10::byte_view rest = received.subspan(used);
+        const size_t size = of10::message_size(rest);
+        if (size == 0 || size > rest.size()) {
+            break;
+        }
+        counts_.messages_received++;
+        handler_.connection_message(*this, rest.first(size));
+        used += size;
+    }
+    return used;
+}
+
+/* ---- sending --------------------------------------------------------------------------------------------------- */
+
+// True if there is something to send.
+bool connection::fill_sending() {
+    if (sent_ < sending_.size()) {
+        return true;
+    }
+    sent_ = 0;
+    queue_reset(sending_);
+    if (!replies_.empty()) {
+        std::swap(sending_, replies_);
+    } else if (!packets_.empty()) {
+        std::swap(sending_, packets_);
+    }
+    return !sending_.empty();
+}
+
+void connection::send() {
+    if (is_closed_ || !is_open_ || is_handling_) {
+        return;
+    }
+    write_waits_ = io_state::done;
+    while (fill_sending()) {
+        const io_result result = stream_->write(of10::byte_view(sending_).subspan(sent_));
+        if (result.state == io_state::done) {
+            sent_ += result.size;
+            counts_.bytes_sent += result.size;
+            continue;
+        }
+        if (result.state == io_state::failed || result.state == io_state::closed) {
+            close(result.state == io_state::failed ? stream_->text() : "closed by the peer");
+            return;
+        }
+        write_waits_ = result.state;
+        break;
+    }
+    if (is_ending_ && write_waits_ == io_state::done) {
+        close(end_reason_);
+        return;
+    }
+    const size_t kept = of10::message_size(input_);
+    if (kept != 0 && kept <= input_.size() && !is_held() && !is_ending_) {
+        resume_.start(0);
+    }
+    update_interest();
+}
+
+void connection::update_interest() {
+    if (is_closed_) {
+        return;
+    }
+    const bool reads = !is_held() && !is_ending_ && !resume_.is_running();
+    const bool for_read = (reads && read_waits_ == io_state::wait_read) || write_waits_ == io_state::wait_read;
+    const bool for_write = (reads && read_waits_ == io_state::wait_write) || write_waits_ == io_state::wait_write;
+    watch_->want(for_read, for_write);
+}
+
+/* ---- ending ---------------------------------------------------------------------------------------------------- */
+
+void connection::check_silence() {
+    const nanoseconds silent = clock_now() - heard_;
+    if (!is_held() && silent >= 2 * probe_) {
+        close(is_open_ ? "no answer to echo requests" : "no answer");
+        return;
+    }
+    if (is_open_ && !is_held() && silent >= probe_ && !has_asked_) {
+        has_asked_ = true;
+        handler_.connection_silent(*this);
+        send();
+    }
+    if (!is_closed_) {
+        silence_.start(probe_ / 2);
+    }
+}
+
+void connection::close_after_sending(const std::string &why) {
+    is_ending_ = true;
+    end_reason_ = why;
+}
+
+void connection::close(const std::string &why) {
+    if (is_closed_) {
+        return;
+    }
+    is_closed_ = true;
+    silence_.stop();
+    resume_.stop();
+    if (watch_ != nullptr) {
+        watch_->want(false, false);
+    }
+    handler_.connection_closed(*this, why);
+}
+
+} // namespace agent

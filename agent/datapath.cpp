@@ -1,0 +1,209 @@
+/*
+ * The order in which a change reaches flows, hardware and controllers.
+ */
+#include "datapath.h"
+
+#include <algorithm>
+
+#include "log.h"
+#include "timeouts.h"
+
+namespace agent {
+
+namespace config = of10::port_config;
+
+/* ---- audience -------------------------------------------------------------------------------------------------- */
+
+void datapath::audience_link::tell_all(const of10::message_body &body) {
+    if (forward_to != nullptr) {
+        forward_to->tell_all(body);
+    }
+}
+
+bool datapath::audience_link::has_any() const {
+    return forward_to != nullptr && forward_to->has_any();
+}
+
+void datapath::audience_link::packet_in(of10::packet_in_fields fields, of10::byte_view frame, uint16_t max_len,
+                                        const std::function<uint32_t()> &buffer) {
+    if (forward_to != nullptr) {
+        forward_to->packet_in(fields, frame, max_len, buffer);
+    }
+}
+
+void datapath::audience_link::packets_send() {
+    if (forward_to != nullptr) {
+        forward_to->packets_send();
+    }
+}
+
+/* ---- construction and events ----------------------------------------------------------------------------------- */
+
+datapath::datapath(datapath_identity who, packet_io::sender send)
+    : programmed(table), mods(flows, programmed,
+                              [this](const flow &one, of10::flow_removed_reason reason, const rules::counts &last) {
+                                  tell_removed(one, reason, last);
+                              }),
+      packets(flows, known_ports, audience_, std::move(send)), identity(std::move(who)), id_(identity.id) {}
+
+void datapath::switch_ready() {
+    if (!table.open()) {
+        log(log_level::error, "the flow table can't be read");
+    }
+    if (was_ready_) {
+        log(log_level::warning, "the switch was started anew: %zu flows are gone", flows.size());
+        mods.forget_all(clock_now());
+    }
+    was_ready_ = true;
+}
+
+void datapath::port_added(const hal_event_port_update &update) {
+    if (!known_ports.add(update)) {
+        return;
+    }
+    mods.ports_changed(known_ports.lists());
+    const of10::phy_port &port = *known_ports.find(static_cast<uint16_t>(update.port));
+    log(log_level::notice, "port %u is %s", port.port_no, port.name.c_str());
+    tell_port(of10::port_reason::add, port);
+}
+
+void datapath::port_removed(uint16_t number) {
+    const of10::phy_port *const port = known_ports.find(number);
+    if (port == nullptr) {
+        return;
+    }
+    const of10::phy_port gone = *port;
+    if ((gone.config & config::no_recv) != 0) {
+        programmed.remove_ingress_drop(number);
+    }
+    known_ports.remove(number);
+    mods.ports_changed(known_ports.lists());
+    log(log_level::notice, "port %u (%s) is removed", number, gone.name.c_str());
+    tell_port(of10::port_reason::del, gone);
+}
+
+void datapath::link_changed(uint16_t number, bool is_up) {
+    if (const of10::phy_port *const port = known_ports.link_changed(number, is_up)) {
+        tell_port(of10::port_reason::modify, *port);
+    }
+}
+
+void datapath::ports_refresh() {
+    std::vector<uint16_t> numbers;
+    for (const auto &[number, port] : known_ports.all()) {
+        numbers.push_back(number);
+    }
+    for (const uint16_t number : numbers) {
+        if (const of10::phy_port *const port = known_ports.refresh(number)) {
+            tell_port(of10::port_reason::modify, *port);
+        }
+    }
+}
+
+void datapath::packet_received(const hal_event_packet &packet, of10::packet_in_reason reason) {
+    packets.received(packet, reason);
+}
+
+void datapath::packets_end() {
+    audience_.packets_send();
+}
+
+void datapath::timeouts_turn(nanoseconds now) {
+    if (flows.size() > 0) {
+        agent::timeouts_turn(flows, programmed, mods, now);
+    }
+}
+
+void datapath::shut_down() {
+    audience_.forward_to = nullptr;
+    mods.end_all();
+    for (const auto &[number, port] : known_ports.all()) {
+        programmed.remove_ingress_drop(number);
+    }
+}
+
+void datapath::tell_port(of10::port_reason reason, const of10::phy_port &port) {
+    audience_.tell_all(of10::port_status{reason, port});
+}
+
+void datapath::tell_removed(const flow &one, of10::flow_removed_reason reason, const rules::counts &last) {
+    const nanoseconds age = clock_now() - one.created;
+    of10::flow_removed message;
+    message.match = one.match;
+    message.cookie = one.cookie;
+    message.priority = one.priority;
+    message.reason = reason;
+    message.duration_sec = static_cast<uint32_t>(age / second_ns);
+    message.duration_nsec = static_cast<uint32_t>(age % second_ns);
+    message.idle_timeout = one.idle_timeout;
+    message.packet_count = last.packets;
+    message.byte_count = last.bytes;
+    audience_.tell_all(message);
+}
+
+/* ---- requests -------------------------------------------------------------------------------------------------- */
+
+// Stays what it was when it was first asked for, whatever ports do.
+uint64_t datapath::id() {
+    if (!id_) {
+        uint64_t address = 0;
+        if (!known_ports.all().empty()) {
+            for (const uint8_t byte : known_ports.all().begin()->second.hw_addr) {
+                address = address << 8 | byte;
+            }
+        }
+        id_ = address;
+    }
+    return *id_;
+}
+
+of10::features_reply datapath::features() {
+    of10::features_reply reply;
+    reply.datapath_id = id();
+    reply.n_buffers = packet_buffers::count;
+    reply.n_tables = 1;
+    reply.capabilities = of10::capability::flow_stats | of10::capability::table_stats | of10::capability::port_stats |
+                         of10::capability::arp_match_ip;
+    reply.actions = supported_actions;
+    for (const auto &[number, port] : known_ports.all()) {
+        reply.ports.push_back(port);
+    }
+    return reply;
+}
+
+std::optional<refusal> datapath::port_mod(const of10::port_mod &request) {
+    const of10::phy_port *const port = known_ports.find(request.port_no);
+    if (port == nullptr) {
+        return refusal{of10::error_type::port_mod_failed, of10::port_mod_failed::bad_port, "no such port"};
+    }
+    if (port->hw_addr != request.hw_addr) {
+        return refusal{of10::error_type::port_mod_failed, of10::port_mod_failed::bad_hw_addr,
+                       "not the address of the port"};
+    }
+    const uint32_t mask = request.mask & changeable_config;
+    const uint32_t wanted = (port->config & ~mask) | (request.config & mask);
+    const uint32_t changed = wanted ^ port->config;
+    if ((changed & config::no_recv) != 0) {
+        if ((wanted & config::no_recv) == 0) {
+            programmed.remove_ingress_drop(request.port_no);
+        } else if (flows.size() >= programmed.capacity() || programmed.add_ingress_drop(request.port_no)) {
+            return refusal{of10::error_type::bad_request, of10::bad_request::eperm, "no room for the rule that drops"};
+        }
+    }
+    if ((changed & config::port_down) != 0 &&
+        !known_ports.set_down(request.port_no, (wanted & config::port_down) != 0)) {
+        return refusal{of10::error_type::bad_request, of10::bad_request::eperm, "the port can't be set up or down"};
+    }
+    if (changed == 0) {
+        return {};
+    }
+    known_ports.set_config(request.port_no, wanted);
+    if ((changed & (config::no_flood | config::no_fwd)) != 0) {
+        mods.ports_changed(known_ports.lists());
+    }
+    (void)known_ports.refresh(request.port_no);
+    tell_port(of10::port_reason::modify, *known_ports.find(request.port_no));
+    return {};
+}
+
+} // namespace agent

@@ -1,0 +1,89 @@
+/*
+ * The switch as controllers see it: flows, ports, packets, and what changes them. It owns the parts, passes events of
+ * the library to them, and tells controllers what they have to hear. Sessions ask it; switch_link feeds it.
+ */
+#ifndef KR_AGENT_DATAPATH_H
+#define KR_AGENT_DATAPATH_H
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "audience.h"
+#include "flow_mods.h"
+#include "flow_table.h"
+#include "hardware.h"
+#include "packet_io.h"
+#include "ports.h"
+#include "rules.h"
+
+namespace agent {
+
+struct datapath_identity {
+    std::optional<uint64_t> id; // none: from the address of the first port
+    std::string description;
+};
+
+class datapath {
+  public:
+    datapath(datapath_identity identity, packet_io::sender send);
+    datapath(const datapath &) = delete;
+    datapath &operator=(const datapath &) = delete;
+
+    void set_audience(audience &controllers) {
+        audience_.forward_to = &controllers;
+    }
+
+    /* Events of the library. */
+    void switch_ready(); // started, or started again: whatever was in hardware is gone
+    void port_added(const hal_event_port_update &update);
+    void port_removed(uint16_t number); // before the removal is acknowledged
+    void link_changed(uint16_t number, bool is_up);
+    void packet_received(const hal_event_packet &packet, of10::packet_in_reason reason);
+    void packets_end(); // no further frame follows for now
+    void ports_refresh();
+
+    void timeouts_turn(nanoseconds now);
+
+    /* What sessions ask. */
+    of10::features_reply features();
+    std::optional<refusal> port_mod(const of10::port_mod &request);
+    uint64_t id();
+    /* An id for a datapath that was not given one, unless it has told one already. */
+    void suggest_id(uint64_t id) {
+        id_ = id_.value_or(id);
+    }
+
+    /* Takes all rules and groups out of hardware; nobody is told. */
+    void shut_down();
+
+    flow_table flows;
+    hardware table;
+    rules programmed;
+    flow_mods mods;
+    ports known_ports;
+    packet_io packets;
+    const datapath_identity identity;
+
+  private:
+    // Stands in for the controllers, which are made after the datapath.
+    struct audience_link final : public audience {
+        audience *forward_to = nullptr;
+        void tell_all(const of10::message_body &body) override;
+        bool has_any() const override;
+        void packet_in(of10::packet_in_fields fields, of10::byte_view frame, uint16_t max_len,
+                       const std::function<uint32_t()> &buffer) override;
+        void packets_send() override;
+    };
+
+    void tell_port(of10::port_reason reason, const of10::phy_port &port);
+    void tell_removed(const flow &one, of10::flow_removed_reason reason, const rules::counts &last);
+
+    audience_link audience_;
+    std::optional<uint64_t> id_;
+    bool was_ready_ = false;
+};
+
+} // namespace agent
+
+#endif

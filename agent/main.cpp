@@ -1,0 +1,242 @@
+/*
+ * krsdn-ofagentd: the OpenFlow 1.0 agent of the switch. Puts the parts together and runs the loop until a signal.
+ *
+ *   controllers --- session --- datapath --- rules --- hardware     (kr_sdn_hal_table_*)
+ *     (sockets)    (messages)      |  \----- ports                  (kr_sdn_hal_port_*)
+ *                                  |---- packet_io ---- switch_link (kr_sdn_hal_init, kr_sdn_hal_srvc_*)
+ *
+ * Signals are blocked before the first thread exists, in all of them, and arrive through a descriptor on the loop.
+ */
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <arpa/inet.h>
+#include <malloc.h>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "controllers.h"
+#include "log.h"
+#include "notify.h"
+#include "options.h"
+#include "switch_link.h"
+#include "timeouts.h"
+
+namespace agent {
+namespace {
+
+constexpr const char *config_variable = "KR_CONNECTOR_CONFIG";
+constexpr const char *control_variable = "KR_CONNECTOR_CONTROL";
+
+// A directory for the connector's control socket, which goes with the daemon.
+class private_directory {
+  public:
+    private_directory() {
+        const char *const parents[] = {getenv("RUNTIME_DIRECTORY"), "/run", "/tmp"};
+        for (const char *parent : parents) {
+            std::string name = std::string(parent != nullptr ? parent : "") + "/krsdn-ofagentd.XXXXXX";
+            if (parent != nullptr && mkdtemp(name.data()) != nullptr) {
+                path_ = name;
+                return;
+            }
+        }
+    }
+    ~private_directory() {
+        if (!path_.empty()) {
+            unlink(socket().c_str());
+            rmdir(path_.c_str());
+        }
+    }
+    private_directory(const private_directory &) = delete;
+    private_directory &operator=(const private_directory &) = delete;
+    std::string socket() const {
+        return path_ + "/connector";
+    }
+
+  private:
+    std::string path_;
+};
+
+unique_fd signals_take() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int one : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) {
+        sigaddset(&signals, one);
+    }
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    sigdelset(&signals, SIGPIPE);
+    return unique_fd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+class daemon_process {
+  public:
+    explicit daemon_process(options given)
+        : options_(std::move(given)), signals_(signals_take()), control_path_(choose_control()),
+          link_(loop_, {options_.connector, options_.port_plugin, control_path_}, link_handlers()),
+          datapath_({options_.datapath_id, options_.description},
+                    [this](uint16_t port, of10::byte_view frame) { return link_.send(port, frame); }),
+          turn_(loop_, [this] { turn(); }) {}
+
+    int run() {
+        std::string why;
+        if (!prepare(&why) || !link_.start(datapath_, &why)) {
+            log(log_level::error, "%s", why.c_str());
+            return EXIT_FAILURE;
+        }
+        fd_watch on_signal(loop_, signals_.get(), [this](bool, bool) { signal(); });
+        on_signal.want(true, false);
+        loop_.run();
+        return status_;
+    }
+
+  private:
+    // The reference connector takes its settings from the environment.
+    std::string choose_control() {
+        if (!options_.connector_config.empty()) {
+            setenv(config_variable, options_.connector_config.c_str(), 1);
+        }
+        const char *const given = getenv(control_variable);
+        const std::string path = !options_.connector_control.empty()  ? options_.connector_control
+                                 : given != nullptr && *given != '\0' ? std::string(given)
+                                                                      : directory_.emplace().socket();
+        setenv(control_variable, path.c_str(), 1);
+        return path;
+    }
+
+    switch_link::handlers link_handlers() {
+        return {.settled = [this] { settled(); },
+                .agent = [this](const hal_event_agent &told) { configured(told); },
+                .stopped =
+                    [this](bool is_clean) {
+                        status_ = is_clean ? EXIT_SUCCESS : EXIT_FAILURE;
+                        loop_.stop();
+                    }};
+    }
+
+    bool prepare(std::string *why) {
+        const tls_files &files = options_.tls;
+        if (!files.private_key.empty() || !files.certificate.empty() || !files.ca_certificate.empty()) {
+            tls_ = tls_context::open(files, why);
+            if (tls_ == nullptr) {
+                return false;
+            }
+        }
+        controllers_.emplace(loop_, datapath_, controller_settings{options_.probe, tls_.get()});
+        datapath_.set_audience(*controllers_);
+        follows_connector_ = options_.endpoints.empty();
+        if (follows_connector_) {
+            endpoint here;
+            here.is_listening = true;
+            here.address = "127.0.0.1";
+            here.port = default_openflow_port;
+            options_.endpoints.push_back(here);
+        }
+        for (const endpoint &where : options_.endpoints) {
+            if (!where.is_listening) {
+                controllers_->connect(where);
+            } else if (!controllers_->listen(where, why)) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    void settled() {
+        controllers_->start();
+        turn_.start(timeout_turn);
+        service_notify("READY=1");
+    }
+
+    // The connector names controllers and the datapath id; what the daemon was told itself goes before.
+    void configured(const hal_event_agent &told) {
+        if (told.trailer != 0) {
+            datapath_.suggest_id(told.trailer);
+        }
+        for (const hal_event_agent_entry &entry : told.entries) {
+            const std::optional<endpoint> where = endpoint_of(entry);
+            if (follows_connector_ && where && std::find(named_.begin(), named_.end(), *where) == named_.end()) {
+                named_.push_back(*where);
+                controllers_->connect(*where);
+            }
+        }
+    }
+
+    static std::optional<endpoint> endpoint_of(const hal_event_agent_entry &entry) {
+        if (entry.value != 4 && entry.value != 6) {
+            return {};
+        }
+        char text[INET6_ADDRSTRLEN];
+        inet_ntop(entry.value == 4 ? AF_INET : AF_INET6, entry.data + (entry.value == 4 ? 12 : 0), text, sizeof text);
+        endpoint where;
+        where.address = text;
+        where.port = entry.number != 0 ? entry.number : default_openflow_port;
+        return where;
+    }
+
+    void turn() {
+        datapath_.timeouts_turn(clock_now());
+        turn_.start(timeout_turn);
+    }
+
+    void signal() {
+        signalfd_siginfo what;
+        if (read(signals_.get(), &what, sizeof what) != static_cast<ssize_t>(sizeof what)) {
+            return;
+        }
+        log(log_level::notice, "%s: stopping", strsignal(static_cast<int>(what.ssi_signo)));
+        service_notify("STOPPING=1");
+        turn_.stop();
+        controllers_->stop();
+        datapath_.shut_down();
+        link_.stop();
+    }
+
+    options options_;
+    std::optional<private_directory> directory_;
+    unique_fd signals_; // before anything that could start a thread
+    std::string control_path_;
+    event_loop loop_;
+    switch_link link_;
+    datapath datapath_;
+    std::unique_ptr<tls_context> tls_;
+    std::optional<controllers> controllers_;
+    timer turn_;
+    std::vector<endpoint> named_; // by the connector
+    bool follows_connector_ = false;
+    int status_ = EXIT_FAILURE;
+};
+
+int main_of(int argument_count, char **arguments) {
+    auto parsed = options_parse(argument_count, arguments);
+    if (const auto *wrong = std::get_if<std::string>(&parsed)) {
+        std::fprintf(stderr, "%s: %s\n%s: --help explains\n", arguments[0], wrong->c_str(), arguments[0]);
+        return 2;
+    }
+    auto &given = std::get<options>(parsed);
+    if (given.shows_help || given.shows_version) {
+        std::fputs(given.shows_help ? options_help("krsdn-ofagentd").c_str() : "krsdn-ofagentd " KR_AGENT_VERSION "\n",
+                   stdout);
+        return 0;
+    }
+    log_level_set(given.verbosity);
+    mallopt(M_ARENA_MAX, 2); // the library's threads allocate little; an arena for each would be waste
+    daemon_process self(std::move(given));
+    return self.run();
+}
+
+} // namespace
+} // namespace agent
+
+int main(int argument_count, char **arguments) {
+    try {
+        return agent::main_of(argument_count, arguments);
+    } catch (const std::exception &why) {
+        std::fprintf(stderr, "krsdn-ofagentd: %s\n", why.what());
+        return EXIT_FAILURE;
+    }
+}
