@@ -42,6 +42,33 @@ inline char thread_state(pid_t id) {
     return end_of_name == std::string::npos || end_of_name + 2 >= text.size() ? '\0' : text[end_of_name + 2];
 }
 
+// The name that a thread gave itself, or that of the program; empty when it has ended.
+inline std::string thread_name(pid_t id) {
+    std::ifstream file("/proc/self/task/" + std::to_string(id) + "/comm");
+    std::string name;
+    std::getline(file, name);
+    return name;
+}
+
+// The thread of this name; 0 when there is none.
+inline pid_t thread_named(const std::string &name) {
+    for (const pid_t id : thread_ids()) {
+        if (thread_name(id) == name) {
+            return id;
+        }
+    }
+    return 0;
+}
+
+// A thread that has been started names itself as soon as it runs.
+inline pid_t wait_for_thread_named(const std::string &name) {
+    pid_t id = 0;
+    while ((id = thread_named(name)) == 0) {
+        sched_yield();
+    }
+    return id;
+}
+
 // Returns once the thread is asleep in the kernel.
 inline void wait_until_asleep(pid_t id) {
     while (thread_state(id) != 'S') {

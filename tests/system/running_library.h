@@ -11,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstring>
 #include <deque>
@@ -28,13 +29,10 @@
 #include "tests/support/fake_connector.h"
 #include "tests/support/fake_fpt.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/threads.h"
+#include "tests/system/flows_and_frames.h"
 
 namespace kr_test {
-
-constexpr uint32_t log_port_base = 0x10000;
-constexpr uint32_t log_port_of(uint32_t of_port) {
-    return log_port_base + of_port;
-}
 
 // A thread that delivers events to the library one at a time, as a connector does.
 class connector_thread {
@@ -55,13 +53,26 @@ class connector_thread {
         return result;
     }
 
+    // Returns once the last event is in the library, or through it, and the thread sleeps.
+    void wait_until_asleep() {
+        while (entered_ != posted_) {
+            sched_yield();
+        }
+        kr_test::wait_until_asleep(id_);
+    }
+    [[nodiscard]] pid_t id() const {
+        return id_;
+    }
+
   private:
     void post(std::function<void()> work) {
         const std::lock_guard lock(mutex_);
+        posted_++;
         queue_.push_back(std::move(work));
         changed_.notify_one();
     }
     void run() {
+        id_ = thread_id();
         for (;;) {
             std::unique_lock lock(mutex_);
             changed_.wait(lock, [this] { return !queue_.empty(); });
@@ -71,6 +82,7 @@ class connector_thread {
             if (!work) {
                 return;
             }
+            entered_++;
             work();
         }
     }
@@ -78,8 +90,59 @@ class connector_thread {
     std::mutex mutex_;
     std::condition_variable changed_;
     std::deque<std::function<void()>> queue_;
+    std::atomic<uint64_t> posted_{0};
+    std::atomic<uint64_t> entered_{0};
+    std::atomic<pid_t> id_{0};
     std::thread thread_; // last: the rest is there when it starts
 };
+
+// Makes one call on a thread of its own. When the constructor returns, the call has come back or sleeps.
+class call_on_a_thread {
+  public:
+    explicit call_on_a_thread(std::function<kr_sdn_hal_status()> call)
+        : thread_([this, call = std::move(call)] {
+              id_ = thread_id();
+              id_.notify_one();
+              status_ = call();
+              is_done_ = true;
+          }) {
+        id_.wait(0);
+        wait_until_asleep();
+    }
+    ~call_on_a_thread() {
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+    }
+    call_on_a_thread(const call_on_a_thread &) = delete;
+    call_on_a_thread &operator=(const call_on_a_thread &) = delete;
+
+    void wait_until_asleep() const {
+        for (char state = 'R'; state != 'S' && state != '\0' && !is_done_; state = thread_state(id_)) {
+            sched_yield();
+        }
+    }
+    [[nodiscard]] bool is_done() const {
+        return is_done_;
+    }
+    [[nodiscard]] pid_t id() const {
+        return id_;
+    }
+    kr_sdn_hal_status join() {
+        thread_.join();
+        return status_;
+    }
+
+  private:
+    std::atomic<pid_t> id_{0};
+    std::atomic<bool> is_done_{false};
+    kr_sdn_hal_status status_ = KR_SDN_HAL_STATUS_ERROR;
+    std::thread thread_;
+};
+
+inline bool is_done(const std::future<uint32_t> &result) {
+    return result.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+}
 
 // The library, initialised for the life of the process.
 class library_environment : public testing::Environment {
@@ -117,6 +180,10 @@ class library_environment : public testing::Environment {
             [this, command, config]() mutable { return (*connector_)->config_callback(command, &config); });
     }
 
+    connector_thread &connector() {
+        return *thread_;
+    }
+
   private:
     library_environment() = default;
     std::unique_ptr<loaded_fake_connector> connector_;
@@ -126,16 +193,6 @@ class library_environment : public testing::Environment {
 
 // Before main: the framework then knows the environment when it starts.
 inline library_environment &the_library = library_environment::get();
-
-inline conn_port_record port_record_of(uint32_t of_port) {
-    conn_port_record port{};
-    port.log_port = log_port_of(of_port);
-    port.ifindex = of_port;
-    snprintf(port.interface_name, sizeof port.interface_name, "port%u", of_port);
-    port.mac_address[0] = 2;
-    port.mac_address[5] = static_cast<uint8_t>(of_port);
-    return port;
-}
 
 // A channel for the life of the object.
 class channel {
@@ -229,47 +286,6 @@ class running_switch : public testing::Test {
   private:
     uint32_t port_count_;
 };
-
-// A flow that drops one Ethernet destination, which is as good as its id.
-inline flow_record flow_of(uint64_t flow_id, uint32_t priority = 100, uint32_t action = FLOW_ACTION_DROP) {
-    flow_record flow{};
-    flow.flow_id = flow_id;
-    flow.priority = priority;
-    for (uint32_t i = 0; i < 6; ++i) {
-        flow.eth_dst[i] = static_cast<uint8_t>(flow_id >> (8 * (5 - i)));
-        flow.eth_dst_mask[i] = 0xFF;
-    }
-    flow.action = action;
-    return flow;
-}
-
-// A frame that such a flow matches.
-inline std::vector<uint8_t> frame_for(uint64_t flow_id, size_t size = 60) {
-    std::vector<uint8_t> frame(size);
-    for (uint32_t i = 0; i < 6; ++i) {
-        frame[i] = static_cast<uint8_t>(flow_id >> (8 * (5 - i)));
-    }
-    frame[6] = 2;
-    frame[11] = 0x77;
-    frame[12] = 0x88; // an EtherType for local experiments
-    frame[13] = 0xb5;
-    return frame;
-}
-
-inline void inject(uint32_t of_port, const std::vector<uint8_t> &frame) {
-    EXPECT_EQ(kr_soft_port_inject(log_port_of(of_port), frame.data(), static_cast<uint32_t>(frame.size())),
-              KR_STATUS_SUCCESS);
-}
-
-inline kr_sdn_hal_status flows_set(uint32_t command, std::vector<flow_record> flows) {
-    return kr_sdn_hal_table_entry_set(command, 0, flows.data(), static_cast<uint32_t>(flows.size()));
-}
-inline kr_sdn_hal_status flows_add(std::vector<flow_record> flows) {
-    return flows_set(KR_SDN_HAL_CMD_ADD, std::move(flows));
-}
-inline kr_sdn_hal_status flows_delete(std::vector<flow_record> flows) {
-    return flows_set(KR_SDN_HAL_CMD_DELETE, std::move(flows));
-}
 
 } // namespace kr_test
 
