@@ -165,8 +165,4 @@ const plan &planner::plan_add(const shadow &table, uint32_t priority) {
     return result_;
 }
 
-shift plan_background_step(const shadow &, int32_t) {
-    return {0, 0, 0};
-}
-
 } // namespace kr_soft::psort

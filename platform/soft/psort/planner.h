@@ -67,9 +67,6 @@ class planner {
     plan result_;
 };
 
-// One step that spreads free space more evenly: at most one shift, `size` 0 when nothing is left to do.
-shift plan_background_step(const shadow &table, int32_t delta_size);
-
 } // namespace kr_soft::psort
 
 #endif

@@ -7,6 +7,7 @@
  */
 #include "kr_psort.h"
 
+#include <algorithm>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -15,6 +16,7 @@
 #include "control/contract_call.h"
 #include "psort/planner.h"
 #include "psort/shadow.h"
+#include "psort/spreader.h"
 
 namespace kr_soft::psort {
 namespace {
@@ -27,6 +29,7 @@ struct table_storage {
 
     shadow entries;
     planner plans;
+    spreader background;
 };
 
 struct table {
@@ -125,6 +128,7 @@ kr_utils_status add_entry(table &owner, psort_entry &entry) {
     if (entries.free_count() == 0) {
         return KR_UTILS_STATUS_NO_RESOURCES;
     }
+    owner.storage->background.restart();
     const plan &todo = owner.storage->plans.plan_add(entries, entry.priority);
     for (const shift &move : todo.shifts) {
         if (const kr_utils_status status = make_shift(owner, move); status != KR_UTILS_STATUS_SUCCESS) {
@@ -144,6 +148,7 @@ kr_utils_status delete_entry(table &owner, const psort_entry &entry) {
         return KR_UTILS_STATUS_ENTRY_NOT_FOUND;
     }
     owner.storage->entries.remove(slot);
+    owner.storage->background.restart();
     notify_if_fallen(owner, static_cast<uint32_t>(owner.storage->entries.count()));
     return KR_UTILS_STATUS_SUCCESS;
 }
@@ -224,8 +229,9 @@ kr_utils_status background_step(psort_handle handle, uint32_t *finished) {
         if (!owner.storage) {
             return KR_UTILS_STATUS_SUCCESS;
         }
-        const shift step =
-            plan_background_step(owner.storage->entries, static_cast<int32_t>(owner.attributes.delta_size));
+        const auto delta_size =
+            static_cast<int32_t>(std::min(owner.attributes.delta_size, owner.attributes.table_size));
+        const shift step = owner.storage->background.plan_step(owner.storage->entries, delta_size);
         if (step.size == 0) {
             return KR_UTILS_STATUS_SUCCESS;
         }
