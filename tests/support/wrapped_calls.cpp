@@ -57,6 +57,8 @@ std::vector<int> take_closed() {
 }
 } // namespace kr_test
 
+// Visible, since the linker reroutes the references of the sanitizers' shared libraries as well.
+#pragma GCC visibility push(default)
 extern "C" {
 
 kr_status __real_kr_log_init(uint32_t mode, void *context, kr_log_callback callback);
@@ -180,3 +182,4 @@ ssize_t __wrap_write(int fd, const void *bytes, size_t size) {
 }
 
 } // extern "C"
+#pragma GCC visibility pop
