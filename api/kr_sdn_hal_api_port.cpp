@@ -9,6 +9,7 @@
 #include <iterator>
 #include <type_traits>
 
+#include "common/guards.h"
 #include "common/log.h"
 #include "core/fpt.h"
 #include "core/port.h"
@@ -59,7 +60,7 @@ kr_sdn_hal_status kr_sdn_hal_port_capabilities_get(uint32_t port, uint32_t *port
     const port_info *info = nullptr;
     const kr_sdn_hal_status status = port_get(port, &info);
     if (status == KR_SDN_HAL_STATUS_SUCCESS) {
-        *port_capabilities = info->aux;
+        *port_capabilities = kr::relaxed_load(info->aux);
     }
     return logged(status, "port_get failed.");
 }

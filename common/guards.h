@@ -75,11 +75,19 @@ template <typename Undo> class [[nodiscard]] undo_guard {
 };
 
 // A plain variable that several threads touch by design, read and written as a whole without ordering.
-template <typename T> T relaxed_load(T &variable) noexcept {
-    return std::atomic_ref(variable).load(std::memory_order_relaxed);
+template <typename T> T relaxed_load(const T &variable) noexcept {
+    return std::atomic_ref(const_cast<T &>(variable)).load(std::memory_order_relaxed);
 }
 template <typename T> void relaxed_store(T &variable, T value) noexcept {
     std::atomic_ref(variable).store(value, std::memory_order_relaxed);
+}
+
+// The same for a flag that publishes what was written before it was stored: a lock, a descriptor, an entry point.
+template <typename T> T acquire_load(const T &flag) noexcept {
+    return std::atomic_ref(const_cast<T &>(flag)).load(std::memory_order_acquire);
+}
+template <typename T> void release_store(T &flag, T value) noexcept {
+    std::atomic_ref(flag).store(value, std::memory_order_release);
 }
 
 } // namespace kr

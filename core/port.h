@@ -1,7 +1,7 @@
 /*
  * The port database: the library's one record of the ports that the connector has added, and the translation between
- * OF ports, interface indexes and SDK logical ports. It logs nothing and takes no lock: the connector delivers port
- * events one at a time.
+ * OF ports, interface indexes and SDK logical ports. It logs nothing. Look-ups may run in any thread at any time, also
+ * while ports come and go; they take no lock and never wait.
  */
 #ifndef KR_CORE_PORT_H
 #define KR_CORE_PORT_H
@@ -38,7 +38,8 @@ kr_sdn_hal_status port_deinit();
 kr_sdn_hal_status port_set(uint32_t command, uint32_t ifindex, int32_t requested_of_port, uint32_t log_port,
                            uint32_t aux, uint32_t *of_port);
 
-/* Look-ups: ENTRY_NOT_FOUND for an unknown key, the output is unchanged then. `info` is valid until the port goes. */
+/* Look-ups: ENTRY_NOT_FOUND for an unknown key, the output is unchanged then. `*info` is valid until the port goes:
+ * a thread that cannot rule that out copies with the functions below. */
 kr_sdn_hal_status port_get(uint32_t of_port, const port_info **info);
 kr_sdn_hal_status port_get_ifindex(uint32_t of_port, uint32_t *ifindex);
 kr_sdn_hal_status port_get_log_port(uint32_t of_port, uint32_t *log_port);

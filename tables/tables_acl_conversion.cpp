@@ -132,14 +132,14 @@ void __acl_action_to_flow_action(flow_record *flow, const kr_acl_rule *rule) {
 kr_sdn_hal_status __flow_target_to_acl_forward(const flow_record *flow, kr_acl_rule *rule) {
     rule->forward_type = KR_ACL_FORWARD_NONE;
     if (flow->action == FLOW_ACTION_OUTPUT) {
-        const port_info *port = nullptr;
-        const kr_sdn_hal_status status = port_get(flow->out_port, &port);
+        uint32_t log_port = 0;
+        const kr_sdn_hal_status status = port_get_log_port(flow->out_port, &log_port);
         if (status != KR_SDN_HAL_STATUS_SUCCESS) {
             HAL_ERROR("Failed to translate output port (%u) rc (%u)n ", flow->out_port, status);
             return status;
         }
         rule->forward_type = KR_ACL_FORWARD_PORT;
-        rule->forward_log_port = port->log_port;
+        rule->forward_log_port = log_port;
     } else if (flow->action == FLOW_ACTION_FLOOD) {
         rule->forward_type = KR_ACL_FORWARD_GROUP;
         rule->forward_group_id = relaxed_load(g.flood_mc_group_id);
@@ -178,13 +178,13 @@ kr_sdn_hal_status __flow_key_to_acl_key(const flow_record *flow, kr_acl_rule *ru
     rule->key = {};
     rule->mask = {};
     if (flow->in_port_mask != 0) {
-        const port_info *port = nullptr;
-        const kr_sdn_hal_status status = port_get(flow->in_port, &port);
+        uint32_t log_port = 0;
+        const kr_sdn_hal_status status = port_get_log_port(flow->in_port, &log_port);
         if (status != KR_SDN_HAL_STATUS_SUCCESS) {
             HAL_ERROR("Failed to translate port rc (%u)n ", status);
             return status;
         }
-        rule->key.in_log_port = port->log_port;
+        rule->key.in_log_port = log_port;
         rule->mask.in_log_port = mask_in_port;
     }
     rule->key.vlan_tagged = flow->vlan_tagged != 0 ? key_vlan_tagged : 0;

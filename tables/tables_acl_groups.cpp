@@ -4,6 +4,8 @@
  *
  * The flood group is of the same kind but belongs to Table 0; to clients it does not exist.
  */
+#include <algorithm>
+
 #include "common/log.h"
 #include "core/port.h"
 #include "tables/tables.h"
@@ -26,17 +28,15 @@ bool is_flood_group(uint32_t group_id) {
 
 // Translates a whole list of OF ports, before hardware hears of any.
 kr_sdn_hal_status ports_translate(const uint32_t *of_ports, uint32_t count, log_port_list *log_ports) {
-    if (count > KR_SDN_HAL_GROUP_MAX_PORTS) {
+    if (count > KR_SDN_HAL_GROUP_MAX_PORTS) { // told by the exported function, which refuses it first
         return KR_SDN_HAL_STATUS_PARAM_EXCEEDS_RANGE;
     }
     for (uint32_t i = 0; i < count; ++i) {
-        const port_info *port = nullptr;
-        const kr_sdn_hal_status status = port_get(of_ports[i], &port);
+        const kr_sdn_hal_status status = port_get_log_port(of_ports[i], &log_ports->ports[i]);
         if (status != KR_SDN_HAL_STATUS_SUCCESS) {
             HAL_ERROR("Failed to translate output port (%u) rc (%u)n ", of_ports[i], status);
             return status;
         }
-        log_ports->ports[i] = port->log_port;
     }
     return KR_SDN_HAL_STATUS_SUCCESS;
 }
@@ -96,12 +96,14 @@ kr_sdn_hal_status tables_acl_mcast_group_get(uint32_t group_id, uint32_t *port_c
     if (is_flood_group(group_id)) {
         return KR_SDN_HAL_STATUS_ENTRY_NOT_FOUND;
     }
-    if (*port_count > KR_SDN_HAL_GROUP_MAX_PORTS) {
+    const uint32_t room = *port_count;
+    if (room > KR_SDN_HAL_GROUP_MAX_PORTS) { // told by the exported function, which refuses it first
         return KR_SDN_HAL_STATUS_PARAM_EXCEEDS_RANGE;
     }
     log_port_list log_ports{};
     const kr_status status =
         kr_acl_rm_api_acl_mc_group_get(relaxed_load(g.acl_rm_handle), group_id, port_count, log_ports.ports);
+    const uint32_t member_count = std::min(*port_count, room); // no platform and no other thread widens the loop
     if (status == KR_STATUS_ENTRY_NOT_FOUND) {
         HAL_NOTICE("Failed to get mc group from ACL RM rc (%u) - entry not found", status);
         return KR_SDN_HAL_STATUS_ENTRY_NOT_FOUND;
@@ -110,7 +112,7 @@ kr_sdn_hal_status tables_acl_mcast_group_get(uint32_t group_id, uint32_t *port_c
         HAL_ERROR("Failed to get mc group from ACL RM rc (%u) ", status);
         return KR_SDN_HAL_STATUS_ERROR;
     }
-    for (uint32_t i = 0; i < *port_count; ++i) {
+    for (uint32_t i = 0; i < member_count; ++i) {
         const kr_sdn_hal_status translated = port_translate_log_port(log_ports.ports[i], &ports[i]);
         if (translated != KR_SDN_HAL_STATUS_SUCCESS) {
             HAL_ERROR("Failed to translate output port (%u) rc (%u)n ", log_ports.ports[i], translated);
