@@ -5,6 +5,7 @@
  * A channel is the client's memory. Records of the library reach it through its pipe; frames and port events of the
  * switch through its host-interface descriptor, which it gains once the switch has started.
  */
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -34,13 +35,14 @@ using kr::plock_exclusive;
 using kr::plock_shared;
 
 // Both are read by any thread without a lock.
-struct {
+constinit struct {
     uint32_t initialized;
     uint32_t dependent_initialized; // the module holds the device open: sdk_handle is valid
-} constinit g{};
+} g{};
 
 constexpr uint8_t switch_id = 0;
 constexpr uint32_t mask_bits = 32;
+constexpr int no_descriptor = -1;
 constexpr size_t atomic_pipe_write = 4096; // Linux; concurrent records in a pipe do not mix up to this size
 static_assert(sizeof(hal_event_record) <= atomic_pipe_write);
 static_assert(std::is_trivially_copyable_v<hal_event_record> && std::is_standard_layout_v<hal_event_record>);
@@ -88,16 +90,13 @@ constexpr bool is_sdk_event(uint32_t event) {
     return event >= std::size(event_rows) || event_rows[event].source == event_source::sdk_trap;
 }
 
-// A flag that also publishes what was written before it was set: a channel's descriptor, the device handle.
-void publish(uint32_t &flag, uint32_t value) {
-    std::atomic_ref(flag).store(value, std::memory_order_release);
-}
-bool is_published(uint32_t &flag) {
-    return std::atomic_ref(flag).load(std::memory_order_acquire) == 1;
+// The flags publish what was written before they were set: the lock, the device handle, a channel's descriptors.
+bool is_set(const uint32_t &flag) {
+    return kr::acquire_load(flag) == 1;
 }
 
 bool initialized() {
-    return kr::relaxed_load(g.initialized) == 1;
+    return is_set(g.initialized);
 }
 
 // What a channel function that needs an open channel answers first.
@@ -105,7 +104,7 @@ kr_sdn_hal_status check_channel(srvc_handle *handle) {
     if (!initialized()) {
         return KR_SDN_HAL_STATUS_ERROR;
     }
-    if (handle == nullptr || kr::relaxed_load(handle->is_open) == 0) {
+    if (handle == nullptr || !is_set(handle->is_open)) {
         return KR_SDN_HAL_STATUS_PARAM_ERROR;
     }
     return KR_SDN_HAL_STATUS_SUCCESS;
@@ -113,15 +112,35 @@ kr_sdn_hal_status check_channel(srvc_handle *handle) {
 
 // Gives a channel its host-interface descriptor, if it has none and the switch is up.
 kr_sdn_hal_status ensure_sdk_fd(srvc_handle *handle) {
-    if (is_published(handle->sdk_fd_open) || !is_published(g.dependent_initialized)) {
+    if (is_set(handle->sdk_fd_open) || !is_set(g.dependent_initialized)) {
         return KR_SDN_HAL_STATUS_SUCCESS;
     }
     if (kr_api_host_ifc_open(kr::relaxed_load(sdk_handle), &handle->sdk_fd) != KR_STATUS_SUCCESS) {
         HAL_ERROR("Failed creating the SDK FD");
         return KR_SDN_HAL_STATUS_SDK_ERROR;
     }
-    publish(handle->sdk_fd_open, 1);
+    kr::release_store(handle->sdk_fd_open, uint32_t{1});
     return KR_SDN_HAL_STATUS_SUCCESS;
+}
+
+// The flag first: the channel may be registered still, from before.
+void channel_clear(srvc_handle *handle) {
+    kr::relaxed_store(handle->is_open, uint32_t{0});
+    kr::relaxed_store(handle->sdk_fd_open, uint32_t{0});
+    handle->sdk_fd = {};
+    for (int &fd : handle->hal_pipe) {
+        fd = no_descriptor;
+    }
+}
+
+// A producer that waits for room in a full pipe holds the registry's lock. What it needs is room for the one record:
+// no other is begun once the channel counts as closed.
+void pipe_drain(int fd) {
+    uint8_t unread[sizeof(hal_event_record)];
+    if (fcntl(fd, F_SETFL, O_NONBLOCK) == 0) {
+        while (read(fd, unread, sizeof unread) > 0) {
+        }
+    }
 }
 
 kr_status trap_set(srvc_handle *handle, uint32_t command, uint32_t event) {
@@ -265,7 +284,7 @@ enum class readiness { hal_pipe, sdk_fd, none };
 
 // Waits until a channel has something to read. A record in the pipe comes before anything of the switch.
 readiness wait_readable(srvc_handle *handle) {
-    const bool has_sdk_fd = is_published(handle->sdk_fd_open);
+    const bool has_sdk_fd = is_set(handle->sdk_fd_open);
     kr::descriptor_set readable;
     if (!readable.add(handle->hal_pipe[0]) || (has_sdk_fd && !readable.add(handle->sdk_fd.fd)) ||
         readable.wait(nullptr) < 1) {
@@ -291,9 +310,10 @@ kr_sdn_hal_status receive(srvc_handle *handle, hal_event_record *record) {
 
 bool add_channels(kr::descriptor_set *readable, srvc_handle **handles, uint32_t handle_count) {
     for (uint32_t i = 0; i < handle_count; i++) {
-        srvc_handle &handle = *handles[i];
-        if (!readable->add(handle.hal_pipe[0]) ||
-            (is_published(handle.sdk_fd_open) && !readable->add(handle.sdk_fd.fd))) {
+        const srvc_handle &handle = *handles[i];
+        // A channel that is not open has no descriptors, whatever its memory holds.
+        if (!is_set(handle.is_open) || !readable->add(handle.hal_pipe[0]) ||
+            (is_set(handle.sdk_fd_open) && !readable->add(handle.sdk_fd.fd))) {
             return false;
         }
     }
@@ -304,9 +324,9 @@ bool add_channels(kr::descriptor_set *readable, srvc_handle **handles, uint32_t 
 uint32_t ready_bits(const kr::descriptor_set &readable, srvc_handle **handles, uint32_t handle_count) {
     uint32_t mask = 0;
     for (uint32_t i = 0; i < handle_count; i++) {
-        srvc_handle &handle = *handles[i];
+        const srvc_handle &handle = *handles[i];
         if (readable.contains(handle.hal_pipe[0]) ||
-            (is_published(handle.sdk_fd_open) && readable.contains(handle.sdk_fd.fd))) {
+            (is_set(handle.sdk_fd_open) && readable.contains(handle.sdk_fd.fd))) {
             mask |= uint32_t{1} << (i % mask_bits);
         }
     }
@@ -334,7 +354,7 @@ kr_sdn_hal_status kr_sdn_hal_srvc_init(void) noexcept {
     if (cl_plock_init(&events_db.lock) != CL_SUCCESS) {
         return KR_SDN_HAL_STATUS_ERROR;
     }
-    kr::relaxed_store(g.initialized, uint32_t{1});
+    kr::release_store(g.initialized, uint32_t{1});
     HAL_DEBUG("HAL events module initialized successfully.");
     return KR_SDN_HAL_STATUS_SUCCESS;
 }
@@ -348,7 +368,7 @@ kr_sdn_hal_status kr_sdn_hal_srvc_dependent_init(void) noexcept {
         return KR_SDN_HAL_STATUS_SDK_ERROR;
     }
     kr::relaxed_store(sdk_handle, handle);
-    publish(g.dependent_initialized, 1);
+    kr::release_store(g.dependent_initialized, uint32_t{1});
     HAL_DEBUG("HAL events module dependent initialized successfully.");
     return KR_SDN_HAL_STATUS_SUCCESS;
 }
@@ -362,7 +382,7 @@ kr_sdn_hal_status kr_sdn_hal_srvc_dependent_deinit(void) noexcept {
         return KR_SDN_HAL_STATUS_SDK_ERROR;
     }
     kr::relaxed_store(sdk_handle, handle);
-    publish(g.dependent_initialized, 0);
+    kr::release_store(g.dependent_initialized, uint32_t{0});
     HAL_DEBUG("HAL events module dependent deinitialized successfully.");
     return KR_SDN_HAL_STATUS_SUCCESS;
 }
@@ -372,7 +392,7 @@ kr_sdn_hal_status kr_sdn_hal_srvc_deinit(void) noexcept {
         return KR_SDN_HAL_STATUS_ERROR;
     }
     cl_plock_destroy(&events_db.lock);
-    kr::relaxed_store(g.initialized, uint32_t{0});
+    kr::release_store(g.initialized, uint32_t{0});
     HAL_DEBUG("HAL events module deinitialized successfully");
     return KR_SDN_HAL_STATUS_SUCCESS;
 }
@@ -386,7 +406,7 @@ kr_sdn_hal_status kr_sdn_hal_srvc_open(srvc_handle *handle) noexcept {
     if (handle == nullptr) {
         return KR_SDN_HAL_STATUS_PARAM_ERROR;
     }
-    *handle = {};
+    channel_clear(handle);
     const kr_sdn_hal_status status = ensure_sdk_fd(handle);
     if (status != KR_SDN_HAL_STATUS_SUCCESS) {
         return status;
@@ -395,7 +415,7 @@ kr_sdn_hal_status kr_sdn_hal_srvc_open(srvc_handle *handle) noexcept {
         HAL_ERROR("Failed creating the HAL FD");
         return KR_SDN_HAL_STATUS_ERROR;
     }
-    kr::relaxed_store(handle->is_open, uint32_t{1});
+    kr::release_store(handle->is_open, uint32_t{1});
     HAL_DEBUG("HAL events - open finished successfully");
     return KR_SDN_HAL_STATUS_SUCCESS;
 }
@@ -404,20 +424,21 @@ kr_sdn_hal_status kr_sdn_hal_srvc_close(srvc_handle *handle) noexcept {
     if (!initialized()) {
         return KR_SDN_HAL_STATUS_ERROR;
     }
-    if (handle == nullptr || kr::relaxed_load(handle->is_open) != 1) {
+    if (handle == nullptr || !is_set(handle->is_open)) {
         return KR_SDN_HAL_STATUS_PARAM_ERROR;
     }
     kr::relaxed_store(handle->is_open, uint32_t{0});
-    if (is_published(handle->sdk_fd_open)) {
+    pipe_drain(handle->hal_pipe[0]);
+    if (is_set(handle->sdk_fd_open)) {
         if (kr_api_host_ifc_close(kr::relaxed_load(sdk_handle), &handle->sdk_fd) != KR_STATUS_SUCCESS) {
             HAL_ERROR("Failed destroying the SDK FD");
         }
-        publish(handle->sdk_fd_open, 0);
+        kr::release_store(handle->sdk_fd_open, uint32_t{0});
     }
     registry_remove_all(handle); // producers are through with the pipe once this has returned
     for (int &fd : handle->hal_pipe) {
         close(fd);
-        fd = -1; // the number may soon be another file's
+        fd = no_descriptor; // the number may soon be another file's
     }
     HAL_DEBUG("HAL events - close finished successfully");
     return KR_SDN_HAL_STATUS_SUCCESS;
@@ -436,7 +457,7 @@ kr_sdn_hal_status kr_sdn_hal_srvc_event_register(srvc_handle *handle, uint32_t e
         return status;
     }
     if (is_sdk_event(event)) {
-        if (!is_published(handle->sdk_fd_open)) {
+        if (!is_set(handle->sdk_fd_open)) {
             return KR_SDN_HAL_STATUS_PARAM_ERROR;
         }
         const kr_status sdk_status = trap_set(handle, KR_API_CMD_REGISTER, event);
@@ -460,7 +481,7 @@ kr_sdn_hal_status kr_sdn_hal_srvc_event_unregister(srvc_handle *handle, uint32_t
         return KR_SDN_HAL_STATUS_PARAM_ERROR;
     }
     if (is_sdk_event(event)) {
-        if (!is_published(handle->sdk_fd_open)) {
+        if (!is_set(handle->sdk_fd_open)) {
             return KR_SDN_HAL_STATUS_PARAM_ERROR;
         }
         const kr_status sdk_status = trap_set(handle, KR_API_CMD_DEREGISTER, event);
@@ -489,7 +510,8 @@ kr_sdn_hal_status kr_sdn_hal_srvc_process_event(const hal_event_record *record) 
     }
     const plock_shared guard(events_db.lock);
     for (const srvc_handle *handle : events_db.handles[record->type]) {
-        if (handle != nullptr && !write_record(handle->hal_pipe[1], *record)) {
+        // A channel that is being closed, or opened anew, takes nothing more.
+        if (handle != nullptr && is_set(handle->is_open) && !write_record(handle->hal_pipe[1], *record)) {
             return KR_SDN_HAL_STATUS_ERROR;
         }
     }
@@ -550,17 +572,17 @@ kr_sdn_hal_status kr_sdn_hal_srvc_packet_send(srvc_handle *handle, const void *p
     if (status != KR_SDN_HAL_STATUS_SUCCESS) {
         return status;
     }
-    if (!is_published(handle->sdk_fd_open)) {
+    if (!is_set(handle->sdk_fd_open)) {
         return KR_SDN_HAL_STATUS_PARAM_ERROR;
     }
-    const port_info *port = nullptr;
-    status = port_get(egress_port, &port);
+    uint32_t log_port = 0;
+    status = port_get_log_port(egress_port, &log_port);
     if (status != KR_SDN_HAL_STATUS_SUCCESS) {
         HAL_ERROR("Failed translating HAL port to SDK log port");
         return status;
     }
     const kr_status sent =
-        kr_lib_host_ifc_unicast_ctrl_send(&handle->sdk_fd, packet, length, switch_id, port->log_port, priority);
+        kr_lib_host_ifc_unicast_ctrl_send(&handle->sdk_fd, packet, length, switch_id, log_port, priority);
     if (sent != KR_STATUS_SUCCESS) {
         HAL_ERROR("Failed sending packet from SDN HAL, SDK error (%s)", kr_status_str(sent));
         return KR_SDN_HAL_STATUS_SDK_ERROR;

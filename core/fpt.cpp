@@ -93,6 +93,7 @@ void *open_library(const char (&path)[KR_SDN_HAL_PATH_SIZE], const char **error)
 }
 
 bool resolve(void *handle, const fpt_symbol &symbol) {
+    (void)dlerror(); // nothing older is told of this symbol
     void *const address = dlsym(handle, symbol.name);
     const char *const error = dlerror();
     if (error != nullptr || address == nullptr) { // a symbol may exist and have no address

@@ -115,7 +115,8 @@ constexpr deinit_step deinit_steps[] = {
 /* clang-format on */
 
 void undo_before(const init_step *failed) {
-    for (const init_step *step = failed; step-- != init_steps;) {
+    for (const init_step *step = failed; step != init_steps;) {
+        --step;
         if (step->undo != nullptr) {
             step->undo();
         }

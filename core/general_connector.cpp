@@ -6,6 +6,7 @@
 #include <dlfcn.h>
 
 #include <atomic>
+#include <climits>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -15,6 +16,9 @@
 
 namespace kr::general {
 namespace {
+
+// A copy of the loader's message outlives the library that it is about; it holds a longest path and a symbol.
+constexpr size_t error_text_size = PATH_MAX + 256;
 
 struct symbol {
     const char *name;
@@ -35,13 +39,14 @@ const char *loader_error(const char *otherwise) {
     return text != nullptr ? text : otherwise;
 }
 
-bool resolve(void *library, connector_entries *entries) {
+// False, with the loader's message in `error`, when a symbol is missing.
+bool resolve(void *library, connector_entries *entries, char (&error)[error_text_size]) {
     for (const symbol &symbol : symbols) {
         (void)dlerror();
         void *const address = dlsym(library, symbol.name);
-        const char *const error = address == nullptr ? loader_error(symbol.name) : dlerror();
-        if (error != nullptr) {
-            fprintf(stderr, "Loading symbol has failed [%s].\n", error);
+        const char *const reason = address == nullptr ? loader_error(symbol.name) : dlerror();
+        if (reason != nullptr) {
+            snprintf(error, sizeof error, "%s", reason);
             return false;
         }
         memcpy(reinterpret_cast<char *>(entries) + symbol.offset, &address, sizeof address);
@@ -72,8 +77,10 @@ kr_sdn_hal_status connector_load(const system_profile *profile, kr_log_callback 
         return KR_SDN_HAL_STATUS_ERROR;
     }
     connector_entries entries{};
-    if (!resolve(library, &entries)) {
+    char error[error_text_size];
+    if (!resolve(library, &entries, error)) {
         dlclose(library);
+        fprintf(stderr, "Loading symbol has failed [%s].\n", error);
         return KR_SDN_HAL_STATUS_ERROR;
     }
     g.connector_library = library;

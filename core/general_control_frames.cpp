@@ -4,6 +4,7 @@
  *
  * The thread runs from start to stop (general_events.cpp) and is the only reader of the descriptor.
  */
+#include "common/common.h"
 #include "common/descriptor_set.h"
 #include "common/guards.h"
 #include "common/log.h"
@@ -66,7 +67,6 @@ kr_status trap_set(uint32_t command, uint32_t trap_id) {
 } // namespace
 
 void __control_frames_thread(void *) {
-    // Copies: if a stop fails to end this thread, a later start must not change what it waits on.
     const int stop_fd = g.stop_pipe[0];
     kr_host_ifc_fd descriptor = g.user_channel.descriptor;
     hal_event_record record{};
@@ -112,7 +112,7 @@ kr_sdn_hal_status general_control_forward_set(uint32_t command, uint32_t trap_id
 }
 
 kr_sdn_hal_status general_process_shim_event_ack(const hal_event_record *record) {
-    if (record == nullptr) {
+    if (hal_utils_check_pointer(record, "Event record pointer") != KR_SDN_HAL_STATUS_SUCCESS) {
         return KR_SDN_HAL_STATUS_PARAM_NULL;
     }
     if (record->type != EVENT_PORT_CAPABILITIES_UPDATE || record->payload.port_update.reason != PORT_UPDATE_REMOVED) {

@@ -8,7 +8,6 @@
 
 #include <cstddef>
 #include <cstring>
-#include <optional>
 
 #include "common/common.h"
 #include "common/guards.h"
@@ -58,8 +57,10 @@ kr_sdn_hal_status open_stop_pipe() {
 }
 
 kr_sdn_hal_status close_stop_pipe() {
-    close(g.stop_pipe[0]);
-    close(g.stop_pipe[1]);
+    for (int &end : g.stop_pipe) {
+        close(end);
+        end = -1; // the number may soon be another file's, and a stop that failed further on may be tried again
+    }
     return KR_SDN_HAL_STATUS_SUCCESS;
 }
 
@@ -75,20 +76,23 @@ struct start_step {
     const char *undo_failure_text;
 };
 
+/* clang-format off */
 constexpr start_step start_steps[] = {
-    {kr_sdn_hal_srvc_dependent_init, "SDN HAL events module dependent init failed.", //
-     kr_sdn_hal_srvc_dependent_deinit, "SDN HAL events module dependent deinit failed."},
-    {tables_dependent_init, "SDN HAL table module dependent init failed.", //
-     tables_dependent_deinit, "SDN HAL table module dependent deinit failed."},
-    {fpt_activate, "FPT activate failed.", //
-     nullptr, nullptr},                    // the port plug-in stays active
-    {open_host_ifc, nullptr,               //
-     close_host_ifc, nullptr},
-    {open_stop_pipe, nullptr, // silent
-     close_stop_pipe, nullptr},
-    {start_control_frames_thread, "Could not create controls listener thread.", //
-     nullptr, nullptr},
+    // run                              text; undo and its text below
+    {kr_sdn_hal_srvc_dependent_init,    "SDN HAL events module dependent init failed.",
+     kr_sdn_hal_srvc_dependent_deinit,  "SDN HAL events module dependent deinit failed."},
+    {tables_dependent_init,             "SDN HAL table module dependent init failed.",
+     tables_dependent_deinit,           "SDN HAL table module dependent deinit failed."},
+    {fpt_activate,                      "FPT activate failed.",
+     nullptr,                           nullptr}, // the port plug-in stays active
+    {open_host_ifc,                     nullptr,
+     close_host_ifc,                    nullptr},
+    {open_stop_pipe,                    nullptr,  // silent
+     close_stop_pipe,                   nullptr},
+    {start_control_frames_thread,       "Could not create controls listener thread.",
+     nullptr,                           nullptr},
 };
+/* clang-format on */
 
 kr_sdn_hal_status run_and_tell(kr_sdn_hal_status (*call)(), const char *failure_text) {
     const kr_sdn_hal_status status = call();
@@ -100,7 +104,8 @@ kr_sdn_hal_status run_and_tell(kr_sdn_hal_status (*call)(), const char *failure_
 
 // Ends at the first step that cannot be taken back: what lies below it is still in use then.
 void undo_before(const start_step *failed) {
-    for (const start_step *step = failed; step-- != start_steps;) {
+    for (const start_step *step = failed; step != start_steps;) {
+        --step;
         if (step->undo != nullptr && run_and_tell(step->undo, step->undo_failure_text) != KR_SDN_HAL_STATUS_SUCCESS) {
             return;
         }
@@ -328,9 +333,13 @@ uint32_t general_event_cb(uint32_t event, void *data) noexcept {
         return KR_SDN_HAL_STATUS_PARAM_NULL;
     }
     hal_event_record record{};
-    const outcome outcome = event_handle(event, data, &record);
-    if (!outcome.has_record) {
-        return outcome.status;
+    const outcome ended = event_handle(event, data, &record);
+    if (!ended.has_record) {
+        return ended.status;
+    }
+    if (event == CONN_EVENT_PORT_REMOVED) {
+        // A wait that was interrupted leaves the signal of a late acknowledgement behind; it is not this removal's.
+        (void)cl_event_reset(&g.port_disable_event);
     }
     const kr_sdn_hal_status status = kr_sdn_hal_srvc_process_event(&record);
     if (status != KR_SDN_HAL_STATUS_SUCCESS) {

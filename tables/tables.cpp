@@ -78,7 +78,7 @@ kr_sdn_hal_status tables_init(const uint8_t *table_enabled) {
         HAL_ERROR("failed initialize psort background thread stop event");
         return KR_SDN_HAL_STATUS_ERROR;
     }
-    relaxed_store(g.initialized, uint8_t{1});
+    kr::release_store(g.initialized, uint8_t{1}); // the locks are there
     return KR_SDN_HAL_STATUS_SUCCESS;
 }
 
@@ -146,7 +146,7 @@ kr_sdn_hal_status tables_deinit() {
 }
 
 bool __tables_check_initialized() {
-    if (relaxed_load(g.initialized) != 0) {
+    if (kr::acquire_load(g.initialized) != 0) {
         return true;
     }
     HAL_ERROR("SDN HAL Tables module is not initialized");

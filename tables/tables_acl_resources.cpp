@@ -135,6 +135,10 @@ kr_sdn_hal_status __acl_psort_deinit() {
 /* ---- the table ------------------------------------------------------------------------------------------------- */
 
 kr_sdn_hal_status tables_acl_init(const uint8_t * /*table_enabled*/, psort_handle *psort) {
+    // A start that failed further on has left its database behind; init makes the pool anew over the old one.
+    if (acl_flows_db.initialized == 1) {
+        cl_qpool_destroy(&acl_flows_db.entry_pool);
+    }
     kr_sdn_hal_status status = flows_db_init(&acl_flows_db, TABLES_ACL_SIZE);
     if (status != KR_SDN_HAL_STATUS_SUCCESS) {
         HAL_ERROR("Failed to init flows DB");

@@ -203,7 +203,7 @@ kr_sdn_hal_status tables_resize(uint32_t /*table*/, uint32_t /*hint*/) {
 /* ---- multicast groups ------------------------------------------------------------------------------------------ */
 
 kr_sdn_hal_status tables_mcast_group_add(uint32_t port_count, const uint32_t *ports, uint32_t *group_id) {
-    if (relaxed_load(g.initialized) == 0) {
+    if (kr::acquire_load(g.initialized) == 0) {
         return KR_SDN_HAL_STATUS_ERROR;
     }
     return tables_acl_mcast_group_add(port_count, ports, group_id);
@@ -211,21 +211,21 @@ kr_sdn_hal_status tables_mcast_group_add(uint32_t port_count, const uint32_t *po
 
 kr_sdn_hal_status tables_mcast_group_edit(uint32_t command, uint32_t port_count, const uint32_t *ports,
                                           uint32_t *group_id) {
-    if (relaxed_load(g.initialized) == 0) {
+    if (kr::acquire_load(g.initialized) == 0) {
         return KR_SDN_HAL_STATUS_ERROR;
     }
     return tables_acl_mcast_group_edit(command, port_count, ports, group_id);
 }
 
 kr_sdn_hal_status tables_mcast_group_del(uint32_t *group_id) {
-    if (relaxed_load(g.initialized) == 0) {
+    if (kr::acquire_load(g.initialized) == 0) {
         return KR_SDN_HAL_STATUS_ERROR;
     }
     return tables_acl_mcast_group_del(*group_id);
 }
 
 kr_sdn_hal_status tables_mcast_group_get(uint32_t group_id, uint32_t *port_count, uint32_t *ports) {
-    if (relaxed_load(g.initialized) == 0) {
+    if (kr::acquire_load(g.initialized) == 0) {
         return KR_SDN_HAL_STATUS_ERROR;
     }
     return tables_acl_mcast_group_get(group_id, port_count, ports);

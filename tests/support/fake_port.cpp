@@ -15,8 +15,6 @@ kr_sdn_hal_status status_of(uint32_t result) {
     return static_cast<kr_sdn_hal_status>(result);
 }
 
-port_info info_handed_out;
-
 } // namespace
 
 kr_sdn_hal_status port_init() {
@@ -44,8 +42,8 @@ kr_sdn_hal_status port_set(uint32_t command, uint32_t ifindex, int32_t requested
     return status_of(status);
 }
 
-kr_sdn_hal_status port_get(uint32_t of_port, const port_info **info) {
-    const uint32_t status = result_of("port_get");
+kr_sdn_hal_status port_get_log_port(uint32_t of_port, uint32_t *log_port) {
+    const uint32_t status = result_of("port_get_log_port");
     if (status != 0) {
         return status_of(status);
     }
@@ -53,8 +51,7 @@ kr_sdn_hal_status port_get(uint32_t of_port, const port_info **info) {
     if (found == fake_ports().end()) {
         return KR_SDN_HAL_STATUS_ENTRY_NOT_FOUND;
     }
-    info_handed_out = {found->second.ifindex, found->second.log_port, 0};
-    *info = &info_handed_out;
+    *log_port = found->second.log_port;
     return KR_SDN_HAL_STATUS_SUCCESS;
 }
 
