@@ -47,6 +47,7 @@ extern "C" {
 
 /* ---- statuses -------------------------------------------------------------------------------------------------- */
 
+/* clang-format off */
 #ifdef __cplusplus
 enum [[nodiscard]] kr_sdn_hal_status : uint32_t {
 #else
@@ -54,12 +55,19 @@ typedef uint32_t kr_sdn_hal_status;
 enum {
 #endif
     KR_SDN_HAL_STATUS_SUCCESS = 0,
-    KR_SDN_HAL_STATUS_ERROR = 1, /* a call of the platform failed, memory ran out, a wait failed */
-        KR_SDN_HAL_STATUS_SDK_ERROR = 2, KR_SDN_HAL_STATUS_NOT_INITIALIZED = 3, KR_SDN_HAL_STATUS_ENTRY_NOT_FOUND = 4,
-    KR_SDN_HAL_STATUS_ENTRY_ALREADY_EXISTS = 5, KR_SDN_HAL_STATUS_CMD_UNSUPPORTED = 6,
-    KR_SDN_HAL_STATUS_PARAM_ERROR = 7, KR_SDN_HAL_STATUS_PARAM_NULL = 8, KR_SDN_HAL_STATUS_PARAM_EXCEEDS_RANGE = 9,
-    KR_SDN_HAL_STATUS_NO_RESOURCES = 10, KR_SDN_HAL_STATUS_RESOURCE_IN_USE = 11
+    KR_SDN_HAL_STATUS_ERROR = 1,                /* a call of the platform failed, memory ran out, a wait failed */
+    KR_SDN_HAL_STATUS_SDK_ERROR = 2,            /* a channel's way to the switch could not be made or used */
+    KR_SDN_HAL_STATUS_NOT_INITIALIZED = 3,      /* called before init, or after deinit */
+    KR_SDN_HAL_STATUS_ENTRY_NOT_FOUND = 4,      /* there is no such port, flow or group */
+    KR_SDN_HAL_STATUS_ENTRY_ALREADY_EXISTS = 5, /* the port or the flow is there already */
+    KR_SDN_HAL_STATUS_CMD_UNSUPPORTED = 6,      /* no such command, or not for this table or record */
+    KR_SDN_HAL_STATUS_PARAM_ERROR = 7,          /* a value that means nothing here */
+    KR_SDN_HAL_STATUS_PARAM_NULL = 8,           /* a pointer that must not be NULL is */
+    KR_SDN_HAL_STATUS_PARAM_EXCEEDS_RANGE = 9,  /* a number outside its range */
+    KR_SDN_HAL_STATUS_NO_RESOURCES = 10,        /* the table or the hardware is full */
+    KR_SDN_HAL_STATUS_RESOURCE_IN_USE = 11      /* refused while something depends on it: a stop while ports exist */
 };
+/* clang-format on */
 
 /* ---- life cycle ------------------------------------------------------------------------------------------------ */
 
@@ -143,7 +151,10 @@ KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_activate(void) KR_SDN_HAL_NOEXCEPT;
  * ERROR            a module could not be taken down; the switch may still be started.
  * any other        what the connector, the port plug-in or a module answered.
  *
- * Deinit ends at the first step that fails and does not take it back: what comes after stays up.
+ * Deinit ends at the first step that fails and does not take it back: what comes after stays up. The port plug-in is
+ * the first step, the flow table the second, and that one refuses while the switch is started: a deinit before the stop
+ * therefore leaves a switch that runs without its port plug-in, that no later deinit takes down (NOT_INITIALIZED), and
+ * whose connector waits for ever if a removal was not acknowledged yet.
  */
 KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_deinit(void) KR_SDN_HAL_NOEXCEPT;
 
@@ -211,15 +222,18 @@ KR_SDN_HAL_API extern int32_t kr_HAL_UTILS_verb_level;
  *
  * A registered client has to read. The pipe is the only buffer of the library's events (16 records on Linux); once it
  * is full, the thread that produces the next event waits until the client reads, and with it the connector, the thread
- * of control frames, every other channel, and whoever registers, unregisters or closes a channel. Only reading helps.
+ * of control frames, every other channel, and whoever registers, unregisters or closes another channel. Only reading
+ * that channel, or closing it, helps.
  *
  * A client that hears of a port's removal has to acknowledge it (kr_sdn_hal_srvc_event_ack). Until some client does,
  * the port stays, and the connector's event thread waits, without a limit. With no channel registered for
  * EVENT_PORT_CAPABILITIES_UPDATE nobody hears of it, and the connector waits as well.
  *
- * Threads: all functions may be called from any thread. One channel is read by one thread at a time, is set up (opened,
- * closed, given its descriptor) by one thread at a time, and is not in use elsewhere when it is opened or closed. The
- * waiting functions need 130 KiB of stack. Descriptors of 1024 and above are fine.
+ * Threads: all functions may be called from any thread. One channel is read by one thread at a time, and is not in use
+ * elsewhere when it is opened or closed. The first registration or packet after the start, which gives a channel its
+ * descriptor, must not be made by two threads at once, or one descriptor is lost; a wait that is under way then does
+ * not notice the new descriptor, the next one does. The waiting functions need 130 KiB of stack. Descriptors of 1024
+ * and above are fine.
  *
  * ERROR, from every function of this section, also means that the event service is not initialised; nothing was
  * changed then.
@@ -340,7 +354,8 @@ KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_deinit(void) KR_SDN_HAL_NOEXCEP
  * Opens a channel: makes its pipe, and its host-interface descriptor if the switch is started.
  *
  * handle  out: the channel; cleared first, whatever it held. Opening a channel that is open loses its descriptors,
- *         which are never closed then, and leaves its registrations in place for the new ones.
+ *         which are never closed then, and leaves its registrations in place for the new ones; if that open fails they
+ *         stay as well, and the channel's memory has to stay in place until an open and a close have succeeded.
  *
  * SUCCESS      the channel is open and registered for nothing.
  * PARAM_ERROR  handle is NULL.
@@ -352,8 +367,8 @@ KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_open(srvc_handle *handle) KR_SD
 
 /*
  * Closes a channel: ends its registrations, waits until no producer writes to it any more, and closes its descriptors.
- * Unread events are lost. Close the channel before the switch is stopped, or its host-interface descriptor cannot be
- * closed in an orderly way, which is logged.
+ * Unread events are lost; a producer that waits for room in this channel goes on. Close the channel before the switch
+ * is stopped, or its host-interface descriptor cannot be closed in an orderly way, which is logged.
  *
  * handle  in/out: an open channel; its memory is free for another use afterwards.
  *
@@ -370,9 +385,10 @@ KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_close(srvc_handle *handle) KR_S
  * event   in: a hal_event_type.
  *
  * SUCCESS      the channel is registered, if there was room.
- * PARAM_ERROR  handle is NULL or not open, or event is no type, or a type of the switch and the switch is not started;
- *              nothing was changed.
- * SDK_ERROR    no host-interface descriptor could be made, or the switch refused; the channel is not registered.
+ * PARAM_ERROR  handle is NULL or not open, or event is no type, or a type of the switch while the channel has no
+ *              host-interface descriptor and the switch is not started; nothing was changed.
+ * SDK_ERROR    no host-interface descriptor could be made, or the switch refused, as it does after a stop; the channel
+ * is not registered.
  *
  * Waits while an event is written to the channels.
  */
@@ -452,7 +468,8 @@ KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_recv(srvc_handle *handle,
  * priority     in: 0 to 255, for the switch to interpret.
  *
  * SUCCESS          the switch took the frame.
- * PARAM_ERROR      handle is NULL or not open, packet is NULL, or the switch is not started; nothing was sent.
+ * PARAM_ERROR      handle is NULL or not open, packet is NULL, or the channel has no host-interface descriptor and the
+ *                  switch is not started; nothing was sent.
  * ENTRY_NOT_FOUND  there is no such port; nothing was sent.
  * SDK_ERROR        no host-interface descriptor could be made, or the switch refused the frame; nothing was sent.
  */
@@ -470,6 +487,7 @@ KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_packet_send(srvc_handle *handle
  * SUCCESS          the port is gone and the connector goes on.
  * PARAM_NULL       record is NULL; nothing was changed.
  * CMD_UNSUPPORTED  the record is not the removal of a port; nothing was changed.
+ * ENTRY_NOT_FOUND  there is no such port: its removal was acknowledged before. Nothing was changed.
  * any other        the port could not be taken out of the flow table or the port database; it stays there, and the
  *                  connector goes on waiting until an acknowledgement succeeds.
  */
@@ -492,9 +510,8 @@ KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_srvc_event_ack(const hal_event_recor
  * PARAM_EXCEEDS_RANGE   a value lies outside the range given here; the plug-in was not asked.
  * any other             the plug-in's answer, unchanged; an output then holds what the plug-in left there.
  *
- * The functions take no lock and may be called from any thread; the plug-in serialises what it has to. None may be
- * called while kr_sdn_hal_deinit runs, and the two that read the port database not while the connector adds or removes
- * a port: from the thread that receives the events and acknowledges removals they are safe.
+ * The functions take no lock and may be called from any thread, also while ports come and go; the plug-in serialises
+ * what it has to. None may be called while kr_sdn_hal_deinit runs.
  */
 
 /* What is asked of a port. PORT_ADMIN_NA is passed on like the others; what it means is the plug-in's affair. */
@@ -722,8 +739,9 @@ KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_cntr_clear(uint32_t port, int32
  * time; a flow that is added when all are taken works like any other but its statistics stay 0. Deleting a flow that
  * has a counter frees it for a flow that is added later.
  *
- * Flow functions may be called from any thread. An entry set holds the table for its whole batch; reads wait for it,
- * and run beside each other. Group functions take no lock: do not edit or delete a group from two threads at once.
+ * Flow functions may be called from any thread, but not while kr_sdn_hal_deinit runs. An entry set holds the table for
+ * its whole batch; reads wait for it, and run beside each other. Group functions take no lock: do not edit or delete a
+ * group from two threads at once.
  *
  * The counts given must be those of the arrays; nothing here can check them. More than 134217727 flows in one entry set
  * or entry get are refused with ERROR before any memory is touched.
@@ -762,7 +780,11 @@ KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_port_cntr_clear(uint32_t port, int32
  * flow is at fault adds flows one by one.
  *
  * A delete ends at the first flow that fails as well: the rules of those before it are gone from hardware, but the
- * table still knows all flows of the batch. To delete them again fails at the first one whose place is gone.
+ * table still knows all flows of the batch. To delete them again fails at the first one whose place is gone, and if a
+ * flow that was added since has that place, it loses its rule. So name no flow twice in a delete, and after a delete
+ * that failed add nothing before the switch was stopped and started again.
+ *
+ * A flow that could not be installed keeps the counter it was given out of the budget of 128, too, until the stop.
  */
 KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_table_entry_set(uint32_t command, uint32_t table, flow_record *flows,
                                                             uint32_t flow_count) KR_SDN_HAL_NOEXCEPT;
@@ -789,7 +811,7 @@ KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_table_entry_set(uint32_t command, ui
  * ERROR            the switch is not started, there is no memory, or a rule could not be read: the records before it
  *                  were written.
  *
- * Unless the first four lines apply, all records were cleared first.
+ * Unless the first four lines apply, or the count is one that is refused, all records were cleared first.
  */
 KR_SDN_HAL_API kr_sdn_hal_status kr_sdn_hal_table_entry_get(uint32_t table, uint64_t flow_start,
                                                             const uint64_t *flow_ids, uint32_t *flow_count,

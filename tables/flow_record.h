@@ -34,7 +34,7 @@ typedef enum flow_action {
     FLOW_ACTION_CONTROLLER = 3, /* deliver to the clients as EVENT_PACKET_IN */
     FLOW_ACTION_FLOOD = 4,      /* send to every port but the ingress port */
     FLOW_ACTION_MC_GROUP = 5,   /* send to the members of group `mc_group_id`, which is not checked to exist */
-    FLOW_ACTION_OUTPUT_ALL = 6  /* refused on add, in the first flow of a batch */
+    FLOW_ACTION_OUTPUT_ALL = 6  /* refused on add, in the first flow of a batch; elsewhere as FLOW_ACTION_NONE */
 } flow_action;
 
 /* VLAN edits; vid and pcp are the operands `vlan_action_vid` and `vlan_action_pcp`. */
