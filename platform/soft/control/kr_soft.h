@@ -12,6 +12,7 @@
 #include <stdint.h>
 
 #include "kr_acl_rm.h"
+#include "kr_psort.h"
 #include "kr_status.h"
 
 #ifdef __cplusplus
@@ -139,6 +140,10 @@ kr_status kr_soft_rules_get(uint32_t acl_id, kr_soft_rule_state *rules, uint32_t
 
 /* The ids of the ACLs that exist. *count: in, room; out, how many there are; NO_RESOURCES as above. */
 kr_status kr_soft_acls_get(uint32_t *acl_ids, uint32_t *count);
+
+/* Reads the entries of a pSort table, lowest index first. *count as above; NO_RESOURCES as above. INVALID_HANDLE for a
+ * handle that psort_init did not make. No call on the table may be under way, as for all of pSort. */
+kr_status kr_soft_psort_entries_get(psort_handle handle, psort_entry *entries, uint32_t *count);
 
 typedef struct kr_soft_usage {
     uint32_t acl_count, rule_count, counter_count, group_count, binding_count, port_count, descriptor_count;

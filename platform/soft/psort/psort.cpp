@@ -14,6 +14,7 @@
 #include <unordered_map>
 
 #include "control/contract_call.h"
+#include "control/kr_soft.h"
 #include "psort/planner.h"
 #include "psort/shadow.h"
 #include "psort/spreader.h"
@@ -240,6 +241,29 @@ kr_utils_status background_step(psort_handle handle, uint32_t *finished) {
     });
 }
 
+kr_status entries_get(psort_handle handle, psort_entry *entries, uint32_t *count) {
+    if (count == nullptr || (entries == nullptr && *count != 0)) {
+        return KR_STATUS_PARAM_NULL;
+    }
+    const table *const owner = table_of(handle);
+    if (owner == nullptr) {
+        return KR_STATUS_INVALID_HANDLE;
+    }
+    const uint32_t room = *count;
+    uint32_t found = 0;
+    if (owner->storage) {
+        const shadow &table = owner->storage->entries;
+        for (int32_t slot = table.next_live(0); slot < table.size(); slot = table.next_live(slot + 1)) {
+            if (found < room) {
+                entries[found] = {table.key(slot), table.priority(slot), static_cast<uint32_t>(slot)};
+            }
+            found++;
+        }
+    }
+    *count = found;
+    return found > room ? KR_STATUS_NO_RESOURCES : KR_STATUS_SUCCESS;
+}
+
 const char *command_text(uint32_t command) {
     switch (command) {
     case PSORT_CMD_ADD:
@@ -288,6 +312,10 @@ kr_utils_status psort_background_worker(psort_handle handle, uint32_t *finished)
     return contract_call(
         contract_function::psort_background_worker, [&] { return kr_soft::psort::background_step(handle, finished); },
         [&] { return finished == nullptr ? text_of("NULL") : text_of("finished=%u", *finished); });
+}
+
+kr_status kr_soft_psort_entries_get(psort_handle handle, psort_entry *entries, uint32_t *count) {
+    return kr_soft::psort::entries_get(handle, entries, count);
 }
 
 } // extern "C"
