@@ -9,11 +9,12 @@
 namespace agent {
 namespace {
 
-constexpr size_t read_size = 64 * 1024;
+constexpr size_t arrival_size = 256 * 1024;
+constexpr size_t large_read = 16 * 1024;     // after one of these, more is likely to be there
 constexpr size_t kept_capacity = 512 * 1024; // of a queue that was larger once
 
 // Where bytes arrive before they are cut into messages; one is enough, because the loop has one thread.
-alignas(64) std::array<uint8_t, read_size> arrival;
+alignas(64) std::array<uint8_t, arrival_size> arrival;
 
 void queue_reset(of10::bytes &queue) {
     queue.clear();
@@ -76,33 +77,33 @@ void connection::ready(bool can_read, bool can_write) {
 
 /* ---- receiving ------------------------------------------------------------------------------------------------- */
 
+// Reads what is there, as much as one turn may take: flow-mods that arrive together are written together.
 void connection::receive() {
+    size_t size = 0;
+    io_result result{io_state::done, 0};
     if (is_held() || is_ending_) {
         return;
     }
     do {
-        const io_result result = stream_->read(arrival);
-        switch (result.state) {
-        case io_state::wait_read:
-        case io_state::wait_write:
-            read_waits_ = result.state;
-            update_interest();
-            return;
-        case io_state::closed:
-            close("closed by the peer");
-            return;
-        case io_state::failed:
-            close(stream_->text());
-            return;
-        case io_state::done:
-            break;
-        }
-        read_waits_ = io_state::wait_read;
-        counts_.bytes_received += result.size;
+        result = stream_->read(std::span(arrival).subspan(size));
+        size += result.size;
+    } while (result.state == io_state::done && size < arrival.size() &&
+             (result.size >= large_read || stream_->has_pending()));
+    read_waits_ = result.state == io_state::wait_write ? io_state::wait_write : io_state::wait_read;
+    if (size > 0) {
+        counts_.bytes_received += size;
         heard_ = clock_now();
         has_asked_ = false;
-        handle({arrival.data(), result.size});
-    } while (!is_closed_ && !is_ending_ && !is_held() && stream_->has_pending());
+        handle({arrival.data(), size});
+    }
+    if (result.state == io_state::closed || result.state == io_state::failed) {
+        close(result.state == io_state::closed ? "closed by the peer" : stream_->text());
+        return;
+    }
+    if (stream_->has_pending()) {
+        resume_.start(0);
+    }
+    update_interest();
 }
 
 // Hands over all whole messages in `received`, or in what was kept before and `received`; keeps the rest.
@@ -126,10 +127,16 @@ void connection::handle(of10::byte_view received) {
     send();
 }
 
-// Goes on with what was held back.
+// Goes on with what was held back, or waits inside the stream.
 void connection::handle_kept() {
-    if (!is_closed_ && !is_held()) {
+    if (is_closed_ || is_held()) {
+        return;
+    }
+    const size_t kept = of10::message_size(input_);
+    if (kept != 0 && kept <= input_.size()) {
         handle({});
+    } else {
+        receive();
     }
 }
 

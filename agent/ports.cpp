@@ -66,7 +66,7 @@ bool ports::add(const hal_event_port_update &update) {
     port.port_no = static_cast<uint16_t>(update.port);
     std::copy(std::begin(update.mac_address), std::end(update.mac_address), port.hw_addr.begin());
     port.name.assign(update.interface_name, strnlen(update.interface_name, sizeof update.interface_name));
-    port.state = update.oper_state == PORT_OPER_UP ? 0 : of10::port_state::link_down;
+    port.state = update.oper_state == event_link_up ? 0 : of10::port_state::link_down;
     read_states(port);
     read_speeds(port);
     ports_[port.port_no] = std::move(port);

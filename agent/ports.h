@@ -20,6 +20,9 @@ inline constexpr uint32_t changeable_config = of10::port_config::port_down | of1
                                               of10::port_config::no_flood | of10::port_config::no_fwd |
                                               of10::port_config::no_packet_in;
 
+/* In events the switch reports a link in numbers of its own, not in those of the port functions. */
+inline constexpr uint32_t event_link_up = 1;
+
 class ports {
   public:
     /* A port was announced. False for a number that OpenFlow has no room for. */

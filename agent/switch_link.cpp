@@ -210,7 +210,7 @@ void switch_link::take_packet(const hal_event_record &record) {
         return;
     case EVENT_PORT_OPER_STATE_CHANGE: {
         const hal_event_port_oper &change = record.payload.port_oper;
-        datapath_->link_changed(static_cast<uint16_t>(change.port), change.oper_state == PORT_OPER_UP);
+        datapath_->link_changed(static_cast<uint16_t>(change.port), change.oper_state == event_link_up);
         return;
     }
     default:
