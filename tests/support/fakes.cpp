@@ -16,6 +16,7 @@ struct fakes_state {
     call_list calls;
     std::map<std::string, uint32_t> results;
     std::vector<hal_event_record> records;
+    std::function<void(const hal_event_record &)> delivery_hook;
     std::map<uint32_t, fake_port> ports;
 };
 
@@ -34,6 +35,7 @@ void fakes_reset() {
         state().calls.clear();
         state().results.clear();
         state().records.clear();
+        state().delivery_hook = nullptr;
         state().ports.clear();
     }
     device_reset();
@@ -99,8 +101,20 @@ std::vector<hal_event_record> take_delivered_records() {
 }
 
 void add_delivered_record(const hal_event_record &record) {
+    std::function<void(const hal_event_record &)> hook;
+    {
+        const std::lock_guard lock(state().mutex);
+        state().records.push_back(record);
+        hook = state().delivery_hook;
+    }
+    if (hook) {
+        hook(record);
+    }
+}
+
+void set_delivery_hook(std::function<void(const hal_event_record &)> hook) {
     const std::lock_guard lock(state().mutex);
-    state().records.push_back(record);
+    state().delivery_hook = std::move(hook);
 }
 
 std::map<uint32_t, fake_port> &fake_ports() {

@@ -9,6 +9,7 @@
 #define KR_TESTS_FAKES_H
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -43,6 +44,8 @@ uint32_t result_of(const char *name);
 // What the event service was asked to deliver (fake_modules.cpp), oldest first.
 std::vector<hal_event_record> take_delivered_records();
 void add_delivered_record(const hal_event_record &record);
+// What a client does at once with each record that is delivered, on the thread that delivers it.
+void set_delivery_hook(std::function<void(const hal_event_record &)> hook);
 
 // Ports of the fake port database: interface index and logical port to OF port.
 struct fake_port {

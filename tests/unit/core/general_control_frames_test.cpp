@@ -239,7 +239,8 @@ TEST_F(general_control_frames_test, acknowledging_any_other_event_returns_6_and_
     EXPECT_EQ(KR_SDN_HAL_STATUS_PARAM_NULL, general_process_shim_event_ack(nullptr));
 }
 
-TEST_F(general_control_frames_test, acknowledging_a_port_that_is_gone_succeeds_and_releases_the_connector) {
+TEST_F(general_control_frames_test,
+       acknowledging_a_port_that_only_the_database_lacks_succeeds_and_releases_the_connector) {
     start_with_port();
     const hal_event_record record = removal_of(99);
     EXPECT_EQ(KR_SDN_HAL_STATUS_SUCCESS, general_process_shim_event_ack(&record));

@@ -11,16 +11,22 @@
 #include "wrapped_calls.h"
 
 using kr_test::call_list;
+using kr_test::device_call;
 using kr_test::fake_ports;
 using kr_test::general_fixture;
 using kr_test::record_log;
 using kr_test::record_system_calls;
 using kr_test::set_result;
 using kr_test::take_calls;
+using kr_test::take_closed;
 using kr_test::take_delivered_records;
+using kr_test::take_device_calls;
+using kr_test::take_writes;
+using kr_test::written;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
+using testing::UnorderedElementsAre;
 
 namespace {
 
@@ -63,6 +69,9 @@ TEST_F(general_events_test, start_opens_everything_in_order_and_announces_it) {
     EXPECT_EQ(1u, kr::general::g.started);
     EXPECT_EQ(0u, kr::general::g.user_channel.type);
     EXPECT_THAT(kr_test::device_descriptors(), ElementsAre(kr::general::g.user_channel.descriptor.fd));
+    EXPECT_THAT(take_device_calls(),
+                ElementsAre(device_call{"kr_api_host_ifc_open", 0x77,
+                                        static_cast<uint32_t>(kr::general::g.user_channel.descriptor.fd)}));
 
     const std::vector<hal_event_record> records = take_delivered_records();
     ASSERT_EQ(1u, records.size());
@@ -228,8 +237,15 @@ TEST_F(general_events_test, start_whose_announcement_fails_returns_that_and_stay
 
 TEST_F(general_events_test, stop_closes_everything_in_order) {
     start();
+    const int read_end = kr::general::g.stop_pipe[0];
+    const int write_end = kr::general::g.stop_pipe[1];
+    const auto fd = static_cast<uint32_t>(kr::general::g.user_channel.descriptor.fd);
+    (void)take_device_calls();
     record_system_calls(true);
     EXPECT_EQ(0u, general_event_cb(stop_event, nullptr));
+    EXPECT_THAT(take_writes(), ElementsAre(written{write_end, std::string(4, '\0')}));
+    EXPECT_THAT(take_closed(), UnorderedElementsAre(read_end, write_end));
+    EXPECT_THAT(take_device_calls(), ElementsAre(device_call{"kr_api_host_ifc_close", 0x77, fd}));
     EXPECT_THAT(take_calls(),
                 ElementsAre("write 4", "15 HAL_GEN: Terminating controls thread", "cl_thread_destroy", "close", "close",
                             "kr_api_host_ifc_close", "tables_dependent_deinit", "kr_sdn_hal_srvc_dependent_deinit"));
@@ -398,8 +414,10 @@ void expect_delivered(const hal_event_record &expected) {
 
 TEST_F(general_events_test, port_added_reaches_database_tables_and_clients) {
     start();
+    (void)take_device_calls();
     conn_port_record port = port_record(0x10001, 7, 0);
     EXPECT_EQ(0u, general_event_cb(added_event, &port));
+    EXPECT_THAT(take_device_calls(), ElementsAre(device_call{"kr_api_port_state_get", 0x77, 0x10001}));
     EXPECT_THAT(take_calls(), ElementsAre("kr_api_port_state_get", "port_set(add)", "of port 7", "tables_port_added",
                                           "kr_sdn_hal_srvc_process_event"));
     expect_delivered(update_record(0, 7, 0x10002));
@@ -437,7 +455,9 @@ TEST_F(general_events_test, port_added_whose_state_cannot_be_read_returns_1_and_
 TEST_F(general_events_test, port_added_twice_returns_5_with_its_line_and_no_event) {
     start();
     conn_port_record port = port_record(1, 7, 0);
-    set_result("port_set(add)", 5);
+    EXPECT_EQ(0u, general_event_cb(added_event, &port));
+    (void)take_calls();
+    (void)take_delivered_records();
     EXPECT_EQ(5u, general_event_cb(added_event, &port));
     EXPECT_THAT(take_calls(), ElementsAre("kr_api_port_state_get", "port_set(add)", "1 HAL_GEN: Port add failed."));
     EXPECT_THAT(take_delivered_records(), IsEmpty());
@@ -518,6 +538,20 @@ TEST_F(general_events_test, port_removed_waits_for_the_acknowledgement_that_remo
     EXPECT_THAT(fake_ports(), IsEmpty());
 }
 
+TEST_F(general_events_test, acknowledgement_before_the_wait_begins_is_not_lost) {
+    start();
+    conn_port_record port = port_record(0x10001, 7, 0);
+    EXPECT_EQ(0u, general_event_cb(added_event, &port));
+    (void)take_calls();
+    kr_test::set_delivery_hook([](const hal_event_record &record) {
+        EXPECT_EQ(KR_SDN_HAL_STATUS_SUCCESS, general_process_shim_event_ack(&record));
+    });
+    EXPECT_EQ(0u, general_event_cb(removed_event, &port)); // on this very thread: a signal that is lost hangs it
+    EXPECT_THAT(take_calls(),
+                ElementsAre("kr_api_port_state_get", "of port 7", "tables_port_removed", "port_set(remove)",
+                            "cl_event_signal", "kr_sdn_hal_srvc_process_event", "cl_event_wait_on(for ever)"));
+}
+
 TEST_F(general_events_test, port_removed_whose_state_cannot_be_read_returns_1_without_event_or_wait) {
     start();
     fake_ports()[7] = {7, 7, 1};
@@ -528,6 +562,17 @@ TEST_F(general_events_test, port_removed_whose_state_cannot_be_read_returns_1_wi
                 ElementsAre("kr_api_port_state_get",
                             testing::StartsWith("1 HAL_GEN: Failed to retrieve port status [ab], err [")));
     EXPECT_THAT(take_delivered_records(), IsEmpty());
+}
+
+TEST_F(general_events_test, port_removed_reads_the_state_of_the_records_logical_port) {
+    start();
+    fake_ports()[7] = {7, 7, 1};
+    (void)take_device_calls();
+    conn_port_record port = port_record(0xAB, 7, 0);
+    set_result("kr_sdn_hal_srvc_process_event", 1); // no wait
+    EXPECT_EQ(1u, general_event_cb(removed_event, &port));
+    EXPECT_THAT(take_device_calls(), ElementsAre(device_call{"kr_api_port_state_get", 0x77, 0xAB}));
+    EXPECT_EQ(0xACu, take_delivered_records().at(0).payload.port_update.oper_state);
 }
 
 TEST_F(general_events_test, port_removed_with_an_unknown_interface_index_returns_4_without_event_or_wait) {

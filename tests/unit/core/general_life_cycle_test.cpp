@@ -346,10 +346,17 @@ TEST_F(general_init_test, deinit_without_a_connector_does_not_crash) {
     EXPECT_THAT(take_calls(), testing::Contains("1 HAL_GEN: SDN HAL event module deinit failed."));
 }
 
-TEST_F(general_init_test, deinit_does_not_stop_a_started_library) {
+TEST_F(general_init_test, deinit_does_not_stop_a_started_library_and_ends_where_the_tables_refuse) {
     start();
-    EXPECT_EQ(0u, kr_sdn_hal_deinit());
-    EXPECT_THAT(take_calls(), ElementsAreArray(whole_deinit));
+    set_result("tables_deinit", 1); // as tables that the start has brought up answer
+    EXPECT_EQ(1u, kr_sdn_hal_deinit());
+    EXPECT_THAT(take_calls(), ElementsAreArray(call_list{
+                                  "cl_event_destroy",
+                                  "fpt_deinit",
+                                  "tables_deinit",
+                                  "1 HAL_GEN: SDN HAL tables module deinit failed.",
+                                  "1 HAL_API: SDN HAL modules deinit failed.",
+                              }));
     EXPECT_EQ(1u, kr::general::g.started);
 }
 
