@@ -87,6 +87,8 @@ TEST_F(consequences, a_removal_that_nobody_hears_of_waits_as_well_and_any_client
     std::future<uint32_t> removal = the_library.deliver(CONN_EVENT_PORT_REMOVED, port_record_of(4));
     the_library.connector().wait_until_asleep();
     EXPECT_FALSE(is_done(removal));
+    channel too_late({EVENT_PORT_CAPABILITIES_UPDATE});
+    EXPECT_FALSE(too_late.readable());
     hal_event_record record{};
     record.type = EVENT_PORT_CAPABILITIES_UPDATE;
     record.payload.port_update.reason = PORT_UPDATE_REMOVED;
