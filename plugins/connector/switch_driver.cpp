@@ -166,6 +166,7 @@ void switch_driver::config_apply(const connector_config &config) {
     }
     config_ = config;
     wanted_ports_ = config.ports;
+    are_links_stale_ = true; // changes of interfaces that were not wanted have not been followed
     log_sink_configure(config.log);
     failures_forget();
 }
@@ -539,6 +540,7 @@ std::string switch_driver::command_add(const std::string &name, const std::strin
         return "error more than " + std::to_string(max_configured_ports) + " ports";
     }
     wanted_ports_[name] = requested;
+    are_links_stale_ = true;
     failed_adds_.erase(name);
     reconcile();
     if (const port *p = port_find(name); p != nullptr && p->requested == requested) {

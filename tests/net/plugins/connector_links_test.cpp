@@ -28,7 +28,7 @@ class connector_links_test : public testing::Test {
         fake_platform::reset();
     }
     void TearDown() override {
-        for (const char *name : {"sw1", "sw2", "other", "br0"}) {
+        for (const char *name : {"sw1", "sw2", "sw3", "other", "br0"}) {
             (void)kr_test::succeeds(std::string("ip link del ") + name);
         }
     }
@@ -65,6 +65,18 @@ TEST_F(connector_links_test, a_configured_interface_that_appears_is_added) {
     snprintf(mac, sizeof(mac), "%02x:%02x:%02x:%02x:%02x:%02x", record.mac_address[0], record.mac_address[1],
              record.mac_address[2], record.mac_address[3], record.mac_address[4], record.mac_address[5]);
     EXPECT_THAT(run("ip -j link show dev sw1"), testing::HasSubstr(std::string("\"address\":\"") + mac + "\""));
+}
+
+TEST_F(connector_links_test, one_that_appeared_before_it_was_configured_is_added) {
+    bring_up_and_run();
+    add_veth("other");
+    EXPECT_EQ(status(), "ok started ports - waiting sw1,sw2") << "what the kernel said of it is behind us";
+    EXPECT_EQ(control_client(files.control_path()).command("add other 3"), "ok OF port 32771");
+    add_veth("sw3");
+    EXPECT_EQ(status(), "ok started ports other=32771 waiting sw1,sw2");
+    files.replace_config("[ports]\nother = 3\nsw3 = 4\n");
+    ASSERT_TRUE(library.wait_for_events(3));
+    EXPECT_EQ(status(), "ok started ports other=32771,sw3=32772 waiting -");
 }
 
 TEST_F(connector_links_test, one_that_vanishes_is_removed_when_the_client_acknowledges) {
