@@ -190,11 +190,13 @@ void interface_port::refresh() {
     }
 }
 
+// A carrier that is lost is seen here before the kernel tells of it. One that comes is not taken for a link until the
+// kernel says so, for it passes no frame before; but newer kernels put that off for up to a second unless asked.
 void interface_port::carrier_look() {
     std::string name;
     {
         const std::lock_guard lock(link_mutex);
-        if (index_ == 0 || !medium_.admin_up || !running_) {
+        if (index_ == 0 || !medium_.admin_up) {
             return;
         }
         name = name_;
