@@ -3,6 +3,7 @@
  * that leave for the clients.
  */
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <thread>
@@ -309,6 +310,28 @@ TEST_F(general_events_test, stop_whose_event_service_fails_returns_that_and_stay
     kr::general::g.started = 0;
 }
 
+// The stop closed its pipe before it failed: what it was called may be another file's by now.
+TEST_F(general_events_test, second_stop_after_a_failed_one_touches_no_foreign_descriptor) {
+    start();
+    const int stop_pipe[2] = {kr::general::g.stop_pipe[0], kr::general::g.stop_pipe[1]};
+    set_result("tables_dependent_deinit", 1);
+    EXPECT_EQ(1u, general_event_cb(stop_event, nullptr));
+    for (const int number : stop_pipe) {
+        ASSERT_EQ(number, dup2(STDERR_FILENO, number)); // another file's now
+    }
+    (void)take_calls();
+    record_system_calls(true);
+    EXPECT_EQ(0u, general_event_cb(stop_event, nullptr));
+    EXPECT_THAT(take_calls(), ElementsAre("write 4", "1 HAL_GEN: SDN HAL thread deinit failed."));
+    EXPECT_THAT(take_writes(), ElementsAre(written{-1, std::string(4, '\0')}));
+    EXPECT_THAT(take_closed(), IsEmpty());
+    EXPECT_EQ(0u, kr::general::g.started);
+    record_system_calls(false);
+    for (const int number : stop_pipe) {
+        EXPECT_EQ(0, close(number));
+    }
+}
+
 TEST_F(general_events_test, stop_whose_word_is_not_written_counts_as_stopped_and_closes_nothing) {
     for (const uint32_t failure : {uint32_t{EIO}, uint32_t{1000}}) { // an error, and nothing written
         start();
@@ -550,6 +573,29 @@ TEST_F(general_events_test, acknowledgement_before_the_wait_begins_is_not_lost) 
     EXPECT_THAT(take_calls(),
                 ElementsAre("kr_api_port_state_get", "of port 7", "tables_port_removed", "port_set(remove)",
                             "cl_event_signal", "kr_sdn_hal_srvc_process_event", "cl_event_wait_on(for ever)"));
+}
+
+// A wait that was interrupted leaves the signal of its acknowledgement, which comes later, behind.
+TEST_F(general_events_test, late_acknowledgement_does_not_complete_the_next_removal) {
+    start();
+    for (const uint32_t of_port : {7u, 8u}) {
+        conn_port_record port = port_record(of_port, of_port, 0);
+        EXPECT_EQ(0u, general_event_cb(added_event, &port));
+    }
+    conn_port_record first = port_record(7, 7, 0);
+    set_result("cl_event_wait_on(for ever)", 7);
+    EXPECT_EQ(1u, general_event_cb(removed_event, &first));
+    set_result("cl_event_wait_on(for ever)", 0);
+    const hal_event_record late = update_record(1, 7, 8);
+    EXPECT_EQ(KR_SDN_HAL_STATUS_SUCCESS, general_process_shim_event_ack(&late));
+
+    kr_test::set_delivery_hook([](const hal_event_record &record) {
+        EXPECT_NE(CL_SUCCESS, cl_event_wait_on(&kr::general::g.port_disable_event, 0, 1)); // nobody has signalled yet
+        EXPECT_EQ(KR_SDN_HAL_STATUS_SUCCESS, general_process_shim_event_ack(&record));
+    });
+    conn_port_record second = port_record(8, 8, 0);
+    EXPECT_EQ(0u, general_event_cb(removed_event, &second));
+    EXPECT_THAT(fake_ports(), IsEmpty());
 }
 
 TEST_F(general_events_test, port_removed_whose_state_cannot_be_read_returns_1_without_event_or_wait) {

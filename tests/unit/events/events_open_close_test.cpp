@@ -4,10 +4,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <thread>
 
 #include "channel_fixture.h"
+#include "tests/support/threads.h"
 
 using namespace kr_test;
 using testing::Each;
@@ -188,6 +191,37 @@ TEST_F(events_open_test, whose_pipe_fails_leaves_the_sdk_descriptor_open_and_the
     EXPECT_EQ(kr_sdn_hal_srvc_close(&channel), PARAM_ERROR);
 }
 
+// A handle that is open stays registered when it is opened again: producers must find no number of a descriptor in it.
+TEST_F(events_open_test, again_that_fails_leaves_no_pipe_and_the_record_goes_to_the_other_channels) {
+    bring_up(stage::initialized);
+    srvc_handle *const other = open_another();
+    register_for(&channel, 0);
+    register_for(other, 0);
+    const srvc_handle old = channel;
+    set_result("pipe", EMFILE);
+    EXPECT_EQ(kr_sdn_hal_srvc_open(&channel), ERROR);
+    EXPECT_THAT(channel.hal_pipe, ElementsAre(-1, -1));
+    const hal_event_record record = pattern_record(0);
+    record_system_calls(true);
+    EXPECT_EQ(kr_sdn_hal_srvc_process_event(&record), SUCCESS);
+    EXPECT_THAT(take_writes(), ElementsAre(written{other->hal_pipe[1], bytes_of(record)}));
+    EXPECT_TRUE(equal(take_from_pipe(other), record));
+    record_system_calls(false);
+    ::close(old.hal_pipe[0]);
+    ::close(old.hal_pipe[1]);
+}
+
+TEST_F(events_open_test, again_without_an_sdk_descriptor_leaves_no_pipe_either) {
+    bring_up(stage::started);
+    const srvc_handle old = channel;
+    set_result("kr_api_host_ifc_open", 6);
+    EXPECT_EQ(kr_sdn_hal_srvc_open(&channel), SDK_ERROR);
+    EXPECT_THAT(channel.hal_pipe, ElementsAre(-1, -1));
+    EXPECT_EQ(channel.is_open, 0U);
+    ::close(old.hal_pipe[0]);
+    ::close(old.hal_pipe[1]);
+}
+
 /* ---- close ------------------------------------------------------------------------------------------------------- */
 
 TEST_F(events_close_test, closes_the_descriptor_of_the_switch_then_leaves_the_registry_then_closes_the_pipe) {
@@ -270,6 +304,26 @@ TEST_F(events_close_test, of_a_never_opened_or_closed_handle_returns_7_and_chang
     (void)take_calls();
     EXPECT_EQ(kr_sdn_hal_srvc_close(&channel), PARAM_ERROR);
     EXPECT_THAT(take_events_calls(), IsEmpty());
+}
+
+// The producer holds the registry's lock while it waits for room, and close needs the lock.
+TEST_F(events_close_test, does_not_wait_for_a_producer_that_waits_for_room) {
+    bring_up(stage::initialized);
+    register_for(&channel, 0);
+    ASSERT_EQ(fcntl(channel.hal_pipe[1], F_SETPIPE_SZ, 4096), 4096); // room for one record
+    const hal_event_record record = pattern_record(0);
+    EXPECT_EQ(kr_sdn_hal_srvc_process_event(&record), SUCCESS);
+    std::atomic<pid_t> producer_id{0};
+    std::thread producer([&] {
+        producer_id = thread_id();
+        producer_id.notify_one();
+        EXPECT_EQ(kr_sdn_hal_srvc_process_event(&record), SUCCESS);
+    });
+    producer_id.wait(0);
+    wait_until_asleep(producer_id);
+    EXPECT_EQ(kr_sdn_hal_srvc_close(&channel), SUCCESS);
+    producer.join();
+    EXPECT_THAT(channel.hal_pipe, ElementsAre(-1, -1));
 }
 
 TEST_F(events_close_test, and_open_again_gives_a_working_channel) {

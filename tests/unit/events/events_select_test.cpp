@@ -66,6 +66,23 @@ TEST_F(events_select_test, failure_of_any_kind_leaves_the_mask_and_is_silent) {
     EXPECT_THAT(take_events_calls(), IsEmpty());
 }
 
+TEST_F(events_select_test, of_a_channel_that_is_not_open_returns_1_leaves_the_mask_and_does_not_wait) {
+    bring_up(stage::started);
+    make_ready(&channel);
+    srvc_handle never{}; // its numbers are 0: standard input
+    srvc_handle *const closed = open_another();
+    EXPECT_EQ(kr_sdn_hal_srvc_close(closed), SUCCESS);
+    (void)take_calls();
+    for (srvc_handle *const not_open : {&never, closed}) {
+        srvc_handle *handles[] = {&channel, not_open};
+        uint32_t mask = 0xA5A5A5A5;
+        EXPECT_EQ(kr_sdn_hal_srvc_select(handles, 2, nullptr, &mask), ERROR);
+        EXPECT_EQ(mask, 0xA5A5A5A5);
+    }
+    EXPECT_THAT(take_selects(), IsEmpty());
+    EXPECT_THAT(take_events_calls(), IsEmpty());
+}
+
 TEST_F(events_select_test, clears_the_mask_before_it_sets_bits) {
     bring_up(stage::initialized);
     srvc_handle *handles[] = {open_another(), &channel};

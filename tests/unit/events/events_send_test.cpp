@@ -55,6 +55,16 @@ TEST_F(events_send_test, needs_the_descriptor_before_the_port) {
     EXPECT_THAT(take_sent_packets(), IsEmpty());
 }
 
+TEST_F(events_send_test, whose_port_cannot_be_looked_up_returns_that_status_and_sends_nothing) {
+    bring_up(stage::started);
+    for (const uint32_t status : {1U, 3U, 9U}) {
+        set_result("port_get_log_port", status);
+        EXPECT_EQ(send(), status);
+        EXPECT_THAT(take_events_calls(), ElementsAre(events_error("Failed translating HAL port to SDK log port")));
+    }
+    EXPECT_THAT(take_sent_packets(), IsEmpty());
+}
+
 TEST_F(events_send_test, without_handle_packet_or_open_channel_returns_7_and_calls_nothing) {
     bring_up(stage::started);
     EXPECT_EQ(kr_sdn_hal_srvc_packet_send(nullptr, "frame", 5, known_of_port, 3), PARAM_ERROR);
