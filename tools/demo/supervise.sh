@@ -21,9 +21,11 @@ supervise() {
   "$@" </dev/null &
   supervised=$!
   set +m
-  while kill -0 "$supervised" 2>/dev/null && [ -z "$interrupted" ]; do
+  # A wait ends early when a signal comes. The first one is for a command that has ended already.
+  while [ -z "$interrupted" ]; do
     status=0
-    wait "$supervised" || status=$? # ends early when a signal comes
+    wait "$supervised" || status=$?
+    kill -0 "$supervised" 2>/dev/null || break
   done
   if [ -n "$interrupted" ]; then
     deadline=$((SECONDS + grace_s))
