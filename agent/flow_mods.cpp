@@ -4,6 +4,7 @@
 #include "flow_mods.h"
 
 #include <algorithm>
+#include <cassert>
 
 #include "log.h"
 
@@ -293,6 +294,7 @@ void flow_mods::reprogram(flow &one) {
 }
 
 void flow_mods::ports_changed(const port_lists &ports) {
+    assert(pending_.empty());
     ports_ = ports;
     for (const auto &one : table_.all()) {
         reprogram(*one);

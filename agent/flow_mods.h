@@ -39,7 +39,7 @@ class flow_mods {
     /* The same for one request whose outcome is wanted at once. Nothing may be gathered. */
     std::optional<refusal> apply(of10::flow_mod &&request, nanoseconds now);
 
-    /* The ports have changed: every rule is made what its flow means now. */
+    /* The ports have changed: every rule is made what its flow means now. Nothing may be gathered, here and below. */
     void ports_changed(const port_lists &ports);
 
     /* Ends flows for another reason than a request: time-outs. Those that hardware does not let go stay. */

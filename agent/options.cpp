@@ -155,7 +155,7 @@ int take_line(void *reader, const char *section, const char *name, const char *v
                                   : one->set(self.result, value == nullptr ? "" : value);
     if (!self.wrong.empty()) {
         self.wrong_line = self.line;
-        if (one != nullptr) {
+        if (one != nullptr && *section == '\0') {
             self.wrong = std::string(name) + ": " + self.wrong;
         }
         return 0;

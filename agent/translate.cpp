@@ -103,6 +103,7 @@ void match_translate(const of10::flow_match &key, flow_record &record) {
 
 struct vlan_edit {
     bool strips = false;
+    bool retags = false; // after it has stripped
     std::optional<uint16_t> id;
     std::optional<uint8_t> pcp;
     bool operator==(const vlan_edit &) const = default;
@@ -123,18 +124,18 @@ class action_walk {
     // The first refusal of the list, or nothing.
     std::optional<refusal> walk(const of10::action_list &actions) {
         for (const of10::action &one : actions) {
-            std::optional<refusal> refused;
             if (const auto *output = std::get_if<of10::action_output>(&one)) {
-                refused = take_output(output->port);
+                if (auto refused = take_output(output->port)) {
+                    return refused;
+                }
             } else if (const auto *vid = std::get_if<of10::action_set_vlan_vid>(&one)) {
-                refused = take_id(vid->vlan_vid);
+                edit_.id = vid->vlan_vid;
+                edit_.retags = edit_.strips;
             } else if (const auto *pcp = std::get_if<of10::action_set_vlan_pcp>(&one)) {
-                refused = take_pcp(pcp->vlan_pcp);
+                edit_.pcp = pcp->vlan_pcp;
+                edit_.retags = edit_.strips;
             } else {
-                edit_ = {.strips = true, .id = {}, .pcp = {}}; // actions_check has let through nothing else
-            }
-            if (refused) {
-                return refused;
+                edit_ = {.strips = true, .retags = false, .id = {}, .pcp = {}}; // actions_check let nothing else pass
             }
         }
         return refuse_mixture();
@@ -171,25 +172,12 @@ class action_walk {
     }
 
   private:
-    std::optional<refusal> take_id(uint16_t id) {
-        if (edit_.strips) {
-            return refuse_action(of10::bad_action::too_many, "a tag removed and set anew by one rule");
-        }
-        edit_.id = id;
-        return {};
-    }
-
-    std::optional<refusal> take_pcp(uint8_t pcp) {
-        if (edit_.strips) {
-            return refuse_action(of10::bad_action::too_many, "a tag removed and set anew by one rule");
-        }
-        edit_.pcp = pcp;
-        return {};
-    }
-
     std::optional<refusal> take_output(uint16_t port) {
         if (has_output_ && edit_ != output_edit_) {
             return refuse_action(of10::bad_action::too_many, "outputs of different frames by one rule");
+        }
+        if (edit_.retags) {
+            return refuse_action(of10::bad_action::too_many, "a tag removed and set anew by one rule");
         }
         has_output_ = true;
         output_edit_ = edit_;

@@ -29,7 +29,7 @@ class AgentTest(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        cls.switch = switch.Switch(BUILD, 4, cls.arguments() if hasattr(cls, "arguments") else ())
+        cls.switch = switch.Switch(BUILD, 4)
 
     @classmethod
     def tearDownClass(cls):

@@ -81,7 +81,7 @@ class Cable:
 
 
 class Switch:
-    """Cables and the daemon. Ports are numbered 1 to `count`; OpenFlow numbers are those plus PORT_BASE."""
+    """Cables and the daemon, which listens on `path` and does what `arguments` say besides. Ports are numbered 1 to `count`; OpenFlow numbers are those plus PORT_BASE."""
 
     def __init__(self, build, count=3, arguments=(), environment=None):
         self.folder = tempfile.mkdtemp(prefix="krsdn-agent-test-")
@@ -103,7 +103,7 @@ class Switch:
             [f"{build}/agent/krsdn-ofagentd", "--connector", f"{build}/plugins/connector/connector.so",
              "--port-plugin", f"{build}/plugins/fpt_linux/fpt_linux.so",
              "--connector-config", os.path.join(self.folder, "ports.conf"), "--connector-control", self.control,
-             *(arguments or [f"punix:{self.path}"])],
+             f"punix:{self.path}", *arguments],
             stderr=self.log, env=dict(os.environ, NOTIFY_SOCKET=os.path.join(self.folder, "notify"),
                                       **(environment or {})))
         notify.settimeout(20)
@@ -115,6 +115,7 @@ class Switch:
         while ports < count:  # those that came late are told one by one
             ports += first.port_status()[0] == 0
         first.close()
+        self.controllers.clear()
 
     def controller(self, greet=True, timeout=20):
         connected = socket.socket(socket.AF_UNIX)

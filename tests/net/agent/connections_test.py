@@ -1,0 +1,301 @@
+#!/usr/bin/env python3
+"""How controllers and the agent find, trust, watch and slow down each other.
+
+Usage: connections_test.py BUILD-FOLDER [unittest arguments]
+"""
+import os
+import re
+import select
+import socket
+import ssl
+import stat
+import struct
+import subprocess
+import sys
+import tempfile
+import threading
+import unittest
+
+import openflow as of
+import switch
+from switch import PORT_BASE
+
+switch.enter_namespaces()  # before the arguments are taken apart: it runs the program again
+BUILD = os.path.abspath(sys.argv.pop(1))
+DAEMON = f"{BUILD}/agent/krsdn-ofagentd"
+P1, P2 = PORT_BASE + 1, PORT_BASE + 2
+FRAME = b"\xff" * 6 + b"\2\0\0\0\0\1\x08\0" + b"\0" * 1400
+
+
+def listener():
+    listening = socket.create_server(("127.0.0.1", 0))
+    listening.settimeout(30)
+    return listening, listening.getsockname()[1]
+
+
+def memory(pid):
+    """What the process holds of its own, in KiB."""
+    with open(f"/proc/{pid}/status", encoding="ascii") as file:
+        return int(re.search(r"RssAnon:\s+(\d+)", file.read()).group(1))
+
+
+class WithSwitch(unittest.TestCase):
+    def run_switch(self, *arguments, count=2, **more):
+        self.switch = switch.Switch(BUILD, count, arguments, **more)
+        self.addCleanup(lambda: self.assertEqual(self.switch.stop(), 0))
+        return self.switch
+
+
+class Sockets(WithSwitch):
+    def test_a_lost_controller_is_found_again(self):
+        listening, port = listener()
+        self.run_switch(f"tcp:127.0.0.1:{port}")
+        for _ in range(3):
+            controller = of.Controller(listening.accept()[0])
+            self.assertEqual(len(controller.features()["ports"]), 2)
+            controller.close()
+        listening.close()
+
+    def test_a_controller_may_come_later(self):
+        listening, port = listener()
+        listening.close()
+        self.run_switch(f"tcp:127.0.0.1:{port}")
+        listening = socket.create_server(("127.0.0.1", port), reuse_port=False)
+        listening.settimeout(30)
+        controller = of.Controller(listening.accept()[0])
+        self.assertEqual(controller.barrier(), {})
+        controller.close()
+        listening.close()
+
+    def test_listening_is_on_loopback_and_on_any_free_port(self):
+        self.run_switch("ptcp:0")
+        port = int(re.search(r"listening on ptcp:(\d+):127\.0\.0\.1\n", self.switch.log_text()).group(1))
+        controller = of.Controller(socket.create_connection(("127.0.0.1", port)))
+        self.assertEqual(controller.barrier(), {})
+        controller.close()
+
+    def test_a_unix_socket_is_private_and_goes_with_the_daemon(self):
+        folder = tempfile.mkdtemp(prefix="krsdn-agent-test-")
+        path = os.path.join(folder, "controller")
+        stale = socket.socket(socket.AF_UNIX)
+        stale.bind(path)
+        stale.close()
+        mine = os.path.join(folder, "listening")
+        listening = socket.socket(socket.AF_UNIX)
+        listening.bind(mine)
+        listening.listen()
+        listening.settimeout(30)
+        own = switch.Switch(BUILD, 1, (f"punix:{path}", f"unix:{mine}"))
+        self.assertEqual(stat.S_IMODE(os.stat(path).st_mode), 0o600)
+        controller = of.Controller(listening.accept()[0])
+        self.assertEqual(controller.barrier(), {})
+        self.assertEqual(own.stop(), 0)
+        self.assertFalse(os.path.exists(path))
+        listening.close()
+        os.unlink(mine)
+        os.rmdir(folder)
+
+    def test_a_silent_controller_is_given_up_and_one_that_answers_is_not(self):
+        self.run_switch("--probe-interval", "0.2")
+        silent = self.switch.controller()
+        alive = self.switch.controller()
+        thread = threading.Thread(target=lambda: self.assertRaises(TimeoutError, alive.wait, of.BARRIER_REPLY))
+        alive.timeout = 2
+        thread.start()  # answers echo requests while it waits for what does not come
+        select.select([silent.socket], [], [], 10)
+        self.assertEqual(silent.socket.recv(8)[1], of.ECHO_REQUEST)
+        silent.socket.settimeout(10)
+        self.assertEqual(silent.socket.recv(8), b"")
+        thread.join()
+        self.assertEqual(alive.barrier(), {})
+
+    def test_what_is_sent_at_once_is_answered_before_the_end(self):
+        self.run_switch()
+        rude = self.switch.controller(greet=False)
+        rude.send(of.message(99))
+        rude.socket.shutdown(socket.SHUT_WR)
+        self.assertEqual(rude.receive()[0], of.HELLO)
+
+
+class Tls(WithSwitch):
+    @classmethod
+    def setUpClass(cls):
+        cls.folder = tempfile.mkdtemp(prefix="krsdn-agent-test-")
+        for authority in ("ca", "other"):
+            cls.openssl("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", f"/CN={authority}",
+                        "-keyout", f"{authority}.key", "-out", f"{authority}.pem")
+        for name, authority in (("switch", "ca"), ("controller", "ca"), ("stranger", "other")):
+            cls.openssl("req", "-newkey", "rsa:2048", "-nodes", "-subj", f"/CN={name}", "-keyout", f"{name}.key",
+                        "-out", f"{name}.req")
+            cls.openssl("x509", "-req", "-in", f"{name}.req", "-CA", f"{authority}.pem", "-CAkey", f"{authority}.key",
+                        "-CAcreateserial", "-days", "2", "-out", f"{name}.pem")
+
+    @classmethod
+    def tearDownClass(cls):
+        switch.run("rm", "-r", cls.folder)
+
+    @classmethod
+    def openssl(cls, *arguments):
+        switch.run("openssl", *arguments, cwd=cls.folder)
+
+    def file(self, name):
+        return os.path.join(self.folder, name)
+
+    def options(self):
+        return ("--private-key", self.file("switch.key"), "--certificate", self.file("switch.pem"), "--ca-cert",
+                self.file("ca.pem"))
+
+    def context(self, name, server):
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER if server else ssl.PROTOCOL_TLS_CLIENT)
+        context.check_hostname = False
+        context.verify_mode = ssl.CERT_REQUIRED
+        context.load_verify_locations(self.file("ca.pem"))
+        if name:
+            context.load_cert_chain(self.file(f"{name}.pem"), self.file(f"{name}.key"))
+        return context
+
+    def test_listening(self):
+        self.run_switch(*self.options(), "pssl:0")
+        port = int(re.search(r"listening on pssl:(\d+)", self.switch.log_text()).group(1))
+        connect = lambda: socket.create_connection(("127.0.0.1", port), timeout=20)
+        for name in (None, "stranger"):
+            with self.assertRaises((ssl.SSLError, ConnectionError, of.Closed)):
+                of.Controller(self.context(name, False).wrap_socket(connect()))
+        with self.assertRaises((ssl.SSLError, ConnectionError, of.Closed)):
+            of.Controller(connect())  # no TLS at all
+        controller = of.Controller(self.context("controller", False).wrap_socket(connect()))
+        self.assertEqual(len(controller.features()["ports"]), 2)
+        # More than one TLS record, both ways.
+        flow = lambda i: of.flow_mod(match=of.match(dl_vlan=i), actions=[of.output(P2)])
+        controller.send(b"".join(flow(i) for i in range(900)))
+        self.assertEqual(controller.barrier(), {})
+        self.assertEqual(len(controller.flows()), 900)
+        controller.send(of.message(of.ECHO_REQUEST, b"e" * 60000, 1))
+        self.assertEqual(controller.receive(), (of.ECHO_REPLY, 1, b"e" * 60000))
+        controller.close()
+
+    def test_connecting(self):
+        listening, port = listener()
+        self.run_switch(*self.options(), f"ssl:127.0.0.1:{port}")
+        with self.assertRaises((ssl.SSLError, ConnectionError, of.Closed)):
+            of.Controller(self.context("stranger", True).wrap_socket(listening.accept()[0], server_side=True))
+        controller = of.Controller(self.context("controller", True).wrap_socket(listening.accept()[0],
+                                                                               server_side=True))
+        self.assertEqual(controller.barrier(), {})
+        self.assertIn("connected as controller", self.switch.log_text())
+        controller.close()
+        listening.close()
+
+
+class BackPressure(WithSwitch):
+    def test_a_controller_that_does_not_read_is_not_read(self):
+        self.run_switch("--probe-interval", "0")
+        flow = lambda i: of.flow_mod(match=of.match(dl_vlan=i), actions=[of.output(P2)] * 20)
+        stuck = self.switch.controller()
+        stuck.send(b"".join(flow(i) for i in range(1000)))
+        self.assertEqual(stuck.barrier(), {})
+        before = memory(self.switch.process.pid)
+        request = of.stats_request(1, of.match() + struct.pack("!BxH", 0xff, of.NONE))
+        stuck.socket.settimeout(0)
+        count, part = 0, b""
+        while select.select([], [stuck.socket], [], 2)[1]:  # until the agent has stopped to read
+            sent = stuck.socket.send(part or request)
+            part = (part or request)[sent:]
+            count += not part
+            self.assertLess(count, 100000)
+        other = self.switch.controller()
+        self.assertEqual(other.barrier(), {})
+        self.assertLess(memory(self.switch.process.pid), before + 4096)
+        # Once it reads again, nothing was lost.
+        stuck.socket.settimeout(20)
+        if part:
+            thread = threading.Thread(target=lambda: stuck.socket.sendall(part))
+            thread.start()
+            count += 1
+        last = 0
+        while last < count:
+            kind, _, body = stuck.receive()
+            self.assertEqual(kind, of.STATS_REPLY)
+            last += not struct.unpack("!H", body[2:4])[0] & 1
+        if part:
+            thread.join()
+        self.assertEqual(stuck.barrier(), {})
+
+    def test_packet_ins_for_who_does_not_read_are_dropped(self):
+        self.run_switch("--probe-interval", "0")
+        self.switch.controller()  # reads nothing
+        reading = self.switch.controller()
+        for one in self.switch.controllers:
+            one.send(of.message(of.SET_CONFIG, struct.pack("!HH", 0, 0xffff)))
+        before = memory(self.switch.process.pid)
+        for _ in range(3000):  # one after the other: 4 MB, none of which gets lost on the way
+            self.switch.cables[1].send(FRAME)
+            self.assertEqual(reading.packet_in()["data"], FRAME)
+        self.assertEqual(reading.barrier(), {})
+        self.assertLess(memory(self.switch.process.pid), before + 2048)
+
+    def test_requests_are_served_during_a_flood(self):
+        self.run_switch("--probe-interval", "0")
+        controller = self.switch.controller()
+        ended = threading.Event()
+
+        def flood():
+            while not ended.is_set():
+                for _ in range(100):
+                    self.switch.cables[1].send(FRAME)
+
+        thread = threading.Thread(target=flood)
+        thread.start()
+        try:
+            for i in range(50):
+                self.assertEqual(controller.do(of.flow_mod(match=of.match(dl_vlan=i), actions=[of.output(P2)])), None)
+                controller.queue.clear()
+            self.assertEqual(len(controller.flows()), 50)
+        finally:
+            ended.set()
+            thread.join()
+
+
+class CommandLine(unittest.TestCase):
+    def fails(self, *arguments):
+        done = subprocess.run([DAEMON, *arguments], capture_output=True, text=True, check=False, timeout=20)
+        self.assertEqual(done.returncode, 2, done.stderr)
+        return done.stderr
+
+    def test_mistakes_are_named(self):
+        for arguments, expected in ((["tcp:somewhere"], "tcp:somewhere: an IP address is expected"),
+                                    (["udp:1.2.3.4"], '"udp" is none of tcp'),
+                                    (["--probe-interval", "x"], "--probe-interval x: seconds"),
+                                    (["--listen", "tcp:1.2.3.4"], "ptcp:, pssl: or punix: is expected"),
+                                    (["--nonsense"], "unknown option --nonsense"), (["--log"], "--log takes a value"),
+                                    (["pssl:"], "need --private-key"), (["-f", "/no/file"], "/no/file: No such file")):
+            self.assertIn(expected, self.fails(*arguments))
+
+    def test_mistakes_in_a_file_have_a_line(self):
+        with tempfile.NamedTemporaryFile("w", suffix=".conf") as file:
+            for text, expected in (("# a comment\n\nlisten = ptcp:70000\n", ":3: listen: a port"),
+                                   ("log = notice\nspeed = 3\n", ':2: unknown setting "speed"'),
+                                   ("log = notice\nlog notice\n", ":2: a line"),
+                                   ("[part]\nlog = notice\n", ":2: there are no sections")):
+                file.seek(0)
+                file.truncate()
+                file.write(text)
+                file.flush()
+                self.assertIn(file.name + expected, self.fails("--config", file.name))
+
+    def test_help_and_version(self):
+        text = subprocess.run([DAEMON, "--help"], capture_output=True, text=True, check=True).stdout
+        for word in ("ptcp:", "--controller", "--ca-cert", "Examples:"):
+            self.assertIn(word, text)
+        version = subprocess.run([DAEMON, "-V"], capture_output=True, text=True, check=True).stdout
+        self.assertRegex(version, r"^krsdn-ofagentd \d+\.\d+\.\d+\n$")
+
+    def test_a_daemon_that_cannot_start_says_why(self):
+        done = subprocess.run([DAEMON, "--connector", "/no/connector.so", "ptcp:0"], capture_output=True, text=True,
+                              check=False, timeout=20)
+        self.assertEqual(done.returncode, 1)
+        self.assertIn("kr_sdn_hal_init failed", done.stderr)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
