@@ -8,6 +8,7 @@
 #include "tables/tables_acl_impl.h"
 
 #include <cstring>
+#include <iterator>
 
 #include "common/common.h"
 #include "common/log.h"
@@ -34,6 +35,12 @@ constexpr table_capabilities table_0_capabilities = {
     .apply_setfields = 0xC0,
 };
 
+void batch_at_set(uint64_t offset, wrapped_flow *flow) {
+    if (offset < std::size(g.batch_at)) {
+        g.batch_at[offset] = flow;
+    }
+}
+
 // While one lives, shifts move the offsets of the flows that have been placed.
 class batch_in_progress {
   public:
@@ -42,6 +49,9 @@ class batch_in_progress {
         g.batch_placed_count = 0;
     }
     ~batch_in_progress() {
+        for (uint32_t i = 0; i < g.batch_placed_count; ++i) {
+            batch_at_set(g.batch_flows[i].offset, nullptr);
+        }
         g.batch_flows = nullptr;
         g.batch_placed_count = 0;
     }
@@ -49,16 +59,29 @@ class batch_in_progress {
     batch_in_progress &operator=(const batch_in_progress &) = delete;
 
     void flow_placed() {
-        ++g.batch_placed_count;
+        wrapped_flow &flow = g.batch_flows[g.batch_placed_count++];
+        batch_at_set(flow.offset, &flow);
     }
 };
 
-// A shift has happened: the flows of the batch in progress that lie in the block go along.
+void batch_flow_move(wrapped_flow *flow, uint64_t offset) {
+    batch_at_set(flow->offset, nullptr);
+    batch_at_set(offset, flow);
+    flow->offset = offset;
+}
+
+// A shift has happened: the flows of the batch in progress that lie in the block go along. Towards higher offsets the
+// last one goes first, as in the flows database.
 void batch_offsets_shift(uint16_t old_start, uint16_t new_start, uint32_t size) {
-    for (uint32_t i = 0; i < g.batch_placed_count; ++i) {
-        wrapped_flow &flow = g.batch_flows[i];
-        if (flow.offset >= old_start && flow.offset - old_start < size) {
-            flow.offset = flow.offset - old_start + new_start;
+    if (g.batch_placed_count == 0) {
+        return;
+    }
+    const bool is_upwards = old_start < new_start;
+    for (uint32_t step = 0; step < size; ++step) {
+        const uint32_t index = is_upwards ? size - 1 - step : step;
+        const uint32_t offset = old_start + index;
+        if (offset < std::size(g.batch_at) && g.batch_at[offset] != nullptr) {
+            batch_flow_move(g.batch_at[offset], new_start + index);
         }
     }
 }

@@ -28,6 +28,7 @@ struct state {
     // knows them yet, so a shift that pSort asks for meanwhile has to move their offsets here.
     wrapped_flow *batch_flows;
     uint32_t batch_placed_count;
+    wrapped_flow *batch_at[TABLES_ACL_SIZE]; // those flows by their offsets; null where none of them is
 };
 extern state g;
 

@@ -2,6 +2,7 @@
  * The operations on flows that the table API calls: what they answer at their edges, what a failure leaves behind, and
  * what they allocate.
  */
+#include <algorithm>
 #include <map>
 
 #include "tests/unit/tables/tables_fixture.h"
@@ -364,6 +365,9 @@ TEST_F(tables_started, a_shift_inside_a_batch_moves_the_offsets_of_its_placed_fl
     }
     kr::tables_acl::g.batch_flows = wrapped;
     kr::tables_acl::g.batch_placed_count = 3; // the fourth one is not placed yet
+    for (uint32_t i = 0; i < 3; ++i) {
+        kr::tables_acl::g.batch_at[offsets[i]] = &wrapped[i];
+    }
     EXPECT_EQ(tables_acl_flows_db_rules_shift(10, 12, 5), KR_SDN_HAL_STATUS_SUCCESS);
     EXPECT_EQ(wrapped[0].offset, 9U);
     EXPECT_EQ(wrapped[1].offset, 12U);
@@ -380,6 +384,7 @@ TEST_F(tables_started, a_shift_inside_a_batch_moves_the_offsets_of_its_placed_fl
     EXPECT_EQ(wrapped[1].offset, 3U);
     kr::tables_acl::g.batch_flows = nullptr;
     kr::tables_acl::g.batch_placed_count = 0;
+    std::ranges::fill(kr::tables_acl::g.batch_at, nullptr);
     free(reinterpret_cast<char *>(wrapped) - 4);
 }
 
