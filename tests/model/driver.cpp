@@ -348,6 +348,7 @@ void driver::run_switch(const step &s) {
         (void)psort_background_worker(acl_psort_handle, &finished);
         called();
         model_.background_step();
+        last_status = 0; // nobody looks at it
         break;
     }
     }

@@ -49,6 +49,14 @@ class driver {
     uint32_t last_status = 0;
     bool fault_came_due = false;
 
+    uint32_t place_count() {
+        const placement_table *const table = model_.hw.placement_of(model_.placement_handle);
+        return table != nullptr ? static_cast<uint32_t>(table->by_index.size()) : 0;
+    }
+    uint32_t flow_counters_used() const {
+        return model_.counters_used;
+    }
+
   private:
     library_model model_;
     kr_test::loaded_fake_connector connector_;

@@ -35,7 +35,7 @@ class dice {
 struct character {
     uint32_t id_count = 40;
     uint32_t priority_count = 4;
-    uint32_t batch_max = 4;
+    uint32_t batch_max = 4, delete_max = 4;
     uint32_t port_count = 5;
     uint32_t fault_one_in = 0; // 0: no faults
     bool strange_ports = false;
@@ -140,13 +140,14 @@ class generator {
     void draw_character() {
         const uint32_t kind = dice_.below(10);
         if (kind < 2) { // a full table
-            character_.id_count = 3000;
+            character_.id_count = 100'000;
             character_.priority_count = 200;
             character_.batch_max = 120;
+            character_.delete_max = 60;
         } else if (kind < 4) {
             character_.id_count = 200;
             character_.priority_count = 20;
-            character_.batch_max = 30;
+            character_.batch_max = character_.delete_max = 30;
         }
         if (dice_.one_in(5)) {
             character_.port_count = 120;
@@ -360,7 +361,7 @@ class generator {
     }
 
     std::vector<uint64_t> drawn_ids() {
-        std::vector<uint64_t> ids(dice_.below(character_.batch_max + 1));
+        std::vector<uint64_t> ids(dice_.below(character_.delete_max + 1));
         std::ranges::generate(ids, [this] { return live_id(); });
         distinct(&ids);
         return ids;

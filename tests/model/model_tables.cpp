@@ -271,9 +271,7 @@ status library_model::entry_get(uint32_t table, uint64_t flow_start, std::span<c
     if (ids.empty()) {
         return SUCCESS;
     }
-    for (flow_record &flow : flows) {
-        flow = {};
-    }
+    memset(flows.data(), 0, flows.size_bytes()); // padding included
     if (!tables_initialized_) {
         return KR_SDN_HAL_STATUS_NOT_INITIALIZED;
     }

@@ -29,6 +29,7 @@ struct shared_page {
     bool differs;
     char what[512];
     op_statistics statistics[static_cast<size_t>(op::count)];
+    uint32_t most_places, most_counters;
 };
 
 shared_page &page() {
@@ -59,8 +60,10 @@ void redirect(int fd, int flags) {
                 continue;
             }
             statistics.run++;
-            statistics.succeeded += both.last_status == 0 ? 1 : 0;
+            statistics.ended_with[std::min(both.last_status, status_count - 1)]++;
             statistics.faults += both.fault_came_due ? 1 : 0;
+            shared.most_places = std::max(shared.most_places, both.place_count());
+            shared.most_counters = std::max(shared.most_counters, both.flow_counters_used());
         }
         both.compare_all();
     } catch (const mismatch &difference) {
@@ -91,6 +94,13 @@ bool wait_for_end(int end_of_child, int no_progress_ms) {
 
 const op_statistics &statistics_of(op what) {
     return page().statistics[static_cast<size_t>(what)];
+}
+
+uint32_t most_places() {
+    return page().most_places;
+}
+uint32_t most_counters() {
+    return page().most_counters;
 }
 
 outcome replay(const std::vector<step> &steps, bool verbose, int no_progress_ms) {

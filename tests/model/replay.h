@@ -14,8 +14,11 @@
 
 namespace kr_model {
 
+constexpr uint32_t status_count = 16; // of the library 12, of the platform 15
+
 struct op_statistics {
-    uint64_t run, succeeded, left_out, faults;
+    uint64_t run, left_out, faults;
+    uint64_t ended_with[status_count]; // by status
 };
 
 struct outcome {
@@ -33,6 +36,10 @@ outcome replay(const std::vector<step> &steps, bool verbose = false, int no_prog
 
 // Of all replays of this process, by operation.
 const op_statistics &statistics_of(op what);
+
+// The fullest that the table and the budget of counters ever were.
+uint32_t most_places();
+uint32_t most_counters();
 
 // A sequence that still fails and from which nothing more can be taken, within some number of replays. `first` is how
 // the whole sequence failed; for one that hangs, a candidate has to come back soon.
