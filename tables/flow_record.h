@@ -40,7 +40,7 @@ typedef enum flow_action {
 /* VLAN edits; vid and pcp are the operands `vlan_action_vid` and `vlan_action_pcp`. */
 typedef enum flow_vlan_action {
     FLOW_VLAN_NONE = 0,
-    FLOW_VLAN_PUSH_VID = 1,     /* push a tag with vid, priority 0 */
+    FLOW_VLAN_PUSH_VID = 1,     /* push a tag with vid and the priority of the tag that it covers, 0 without one */
     FLOW_VLAN_SET_PCP = 2,      /* write pcp; an untagged frame gets a tag with id 0 */
     FLOW_VLAN_PUSH_VID_PCP = 3, /* push a tag with vid and pcp */
     FLOW_VLAN_POP = 4,          /* remove the outer tag, if there is one */
