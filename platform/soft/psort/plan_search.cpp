@@ -13,17 +13,16 @@
 namespace kr_soft::psort {
 namespace {
 
-// Prices, in rules moved. A shift call costs its owner about as much as ten rules; planning with half of that buys
-// fewer rules for a few more calls, measured over whole fills.
-constexpr float call_price = 5;
 constexpr int32_t hop_weight = 11; // crossing a level never costs more than a call and one rule
 
-// What imbalance is worth: little while the table is far from full, since most of it evens out by itself.
-constexpr double imbalance_worth = 0.25;
-constexpr double imbalance_growth = 4; // the power of the occupancy, where there are many levels
+// Spreading the free slots.
 constexpr double least_variance = 0.25;
-constexpr double end_margin =
-    0.7; // the last free slots stay away from the ends of the table by this part of their gaps
+constexpr double end_margin = 0.7; // the last free slots stay this part of a gap away from the ends of the table
+
+// A plan that moves more than it should is sought again on terms that reach less far, a few times.
+constexpr int32_t retries = 6;
+constexpr float retry_worth = 0.3F;
+constexpr float retry_reach = 0.9F;
 
 // How far a search looks. Pieces of single entries are short where it matters and grow with the distance from there.
 constexpr size_t pieces_behind_free = 40;   // on one side, once a free slot has been passed
@@ -163,13 +162,32 @@ void plan_search::collect_below(const shadow &table, int32_t first, const balanc
     }
 }
 
+// ---- the terms -----------------------------------------------------------------------------------------------------
+
+// A shift call costs its owner about as much as ten rules; planning with half of that, or less where hops are many,
+// buys fewer rules for a few more calls, measured over whole fills. Imbalance is worth little while a table of many
+// levels is far from full, since most of it evens out by itself.
+plan_search::terms plan_search::terms_for(const shadow &table) {
+    constexpr int32_t any_number = std::numeric_limits<int32_t>::max();
+    constexpr float worth = 0.25;
+    if (table.has_few_levels()) {
+        return {2, worth, 1, any_number};
+    }
+    if (table.level_count() * 4 <= table.count()) {
+        return {2, worth, max_displacement, 90};
+    }
+    const float occupancy = static_cast<float>(table.count()) / static_cast<float>(table.size());
+    return {5, worth * occupancy * occupancy * occupancy * occupancy, max_displacement, any_number};
+}
+
 // ---- the programme -------------------------------------------------------------------------------------------------
 
 // What the free slots before a piece that are too many or too few will cost: every one that is not used up by chance
 // has to cross the piece some day. Smooth in between, since both are guesses.
-float plan_search::imbalance_price(const piece &each, int32_t displacement, float worth) {
+float plan_search::imbalance_price(const piece &each, int32_t displacement) const {
     const float surplus = each.surplus - static_cast<float>(displacement);
-    return worth * each.weight * (std::sqrt(surplus * surplus + each.deviation * each.deviation) - each.deviation);
+    return terms_.imbalance_worth * each.weight *
+           (std::sqrt(surplus * surplus + each.deviation * each.deviation) - each.deviation);
 }
 
 // For each displacement behind a gap, the cheapest state before it.
@@ -212,21 +230,25 @@ void plan_search::best_arrivals_at_room(const steps &before, bool is_split, arri
 }
 
 // From the arrivals at a piece to the states behind it.
-void plan_search::advance(const piece &each, bool may_continue, const arrivals &best, const steps &before, float worth,
+void plan_search::advance(const piece &each, bool may_continue, const arrivals &best, const steps &before,
                           steps *after) const {
     for (int32_t displacement = -max_displacement; displacement <= max_displacement; ++displacement) {
         const size_t index = index_of(displacement);
-        const float imbalance = imbalance_price(each, displacement, worth);
+        const float imbalance = imbalance_price(each, displacement);
         const int32_t distance = std::abs(displacement);
         step rest = best[index];
         step block = best[index];
-        if (distance == 0) {
+        if (distance > terms_.reach) {
+            rest.price = unreachable;
+            block.price = unreachable;
+        } else if (distance == 0) {
             rest.price += imbalance;
             block.price = unreachable;
         } else {
             const bool can_hop = each.is_level && distance < each.size();
-            rest.price = can_hop ? rest.price + call_price + static_cast<float>(distance) + imbalance : unreachable;
-            block.price += call_price;
+            rest.price =
+                can_hop ? rest.price + terms_.call_price + static_cast<float>(distance) + imbalance : unreachable;
+            block.price += terms_.call_price;
             if (may_continue && before[in_block][index].price < block.price) {
                 block = {before[in_block][index].price, static_cast<int8_t>(displacement), in_block};
             }
@@ -237,7 +259,7 @@ void plan_search::advance(const piece &each, bool may_continue, const arrivals &
     }
 }
 
-void plan_search::search(bool is_split, float worth) {
+void plan_search::search(bool is_split) {
     for (auto &of_mode : table_[0]) {
         of_mode.fill({unreachable, 0, at_rest});
     }
@@ -252,7 +274,7 @@ void plan_search::search(bool is_split, float worth) {
             best_arrivals(table_[index], is_end ? gap_behind_ : pieces_[index].gap, &best);
         }
         if (!is_end) {
-            advance(pieces_[index], !is_room, best, table_[index], worth, &table_[index + 1]);
+            advance(pieces_[index], !is_room, best, table_[index], &table_[index + 1]);
         }
     }
     trace_back(best[index_of(0)]); // behind the last piece nothing is displaced
@@ -265,6 +287,15 @@ void plan_search::trace_back(const step &end) {
         choices_[index] = {from.from_displacement, from.from_mode};
         from = table_[index + 1][from.from_mode][index_of(from.from_displacement)];
     }
+}
+
+int32_t plan_search::rules_moved() const {
+    int32_t rules = 0;
+    for (size_t index = 0; index < pieces_.size(); ++index) {
+        const choice chosen = choices_[index];
+        rules += chosen.in == in_block ? pieces_[index].size() : std::abs(chosen.displacement);
+    }
+    return rules;
 }
 
 // ---- shifts --------------------------------------------------------------------------------------------------------
@@ -312,10 +343,13 @@ free_run plan_search::make_room(const shadow &table, const span &room, std::vect
     room_index_ = pieces_.size();
     collect_below(table, below_begin, even);
 
-    const bool many_levels = table.level_count() * 4 > table.count();
-    const double occupancy = static_cast<double>(table.count()) / table.size();
-    search(room.has_entries(),
-           static_cast<float>(imbalance_worth * std::pow(occupancy, many_levels ? imbalance_growth : 0)));
+    terms_ = terms_for(table);
+    search(room.has_entries());
+    for (int32_t retry = 0; retry < retries && rules_moved() > terms_.rules; ++retry) {
+        terms_.imbalance_worth *= retry_worth;
+        terms_.reach = std::max(1, static_cast<int32_t>(static_cast<float>(terms_.reach) * retry_reach));
+        search(room.has_entries());
+    }
     append_shifts(shifts);
 
     const int32_t ahead = room_index_ == 0 ? 0 : choices_[room_index_ - 1].displacement;

@@ -75,6 +75,14 @@ class plan_search {
         mode in;
     };
 
+    // What plans are compared by.
+    struct terms {
+        float call_price;      // of a shift call, in rules moved
+        float imbalance_worth; // of a free slot too many or too few
+        int32_t reach;         // the farthest displacement
+        int32_t rules;         // that an add should move at most
+    };
+
     // How free slots ought to be spread, for this table once the new entry is in.
     struct balance {
         explicit balance(const shadow &table);
@@ -89,19 +97,21 @@ class plan_search {
         return static_cast<size_t>(displacement + max_displacement);
     }
     static piece piece_towards(const shadow &table, int32_t from, int32_t stop, int32_t single_limit);
-    static float imbalance_price(const piece &each, int32_t displacement, float worth);
+    static terms terms_for(const shadow &table);
+    float imbalance_price(const piece &each, int32_t displacement) const;
 
     void collect_above(const shadow &table, int32_t last, const balance &even);
     void collect_below(const shadow &table, int32_t first, const balance &even);
     void best_arrivals(const steps &before, int32_t gap, arrivals *best) const;
     void best_arrivals_at_room(const steps &before, bool is_split, arrivals *best) const;
-    void advance(const piece &each, bool may_continue, const arrivals &best, const steps &before, float worth,
-                 steps *after) const;
-    void search(bool is_split, float worth);
+    void advance(const piece &each, bool may_continue, const arrivals &best, const steps &before, steps *after) const;
+    void search(bool is_split);
+    int32_t rules_moved() const;
     void trace_back(const step &end);
     void append_shifts(std::vector<shift> *shifts) const;
     size_t append_shift(size_t index, std::vector<shift> *shifts) const;
 
+    terms terms_{};
     std::vector<piece> pieces_;      // by slot
     size_t room_index_ = 0;          // the new entry goes before this piece
     int32_t gap_behind_ = 0;         // free slots behind the last piece

@@ -52,6 +52,11 @@ class shadow {
         return level_count_;
     } // distinct priorities
 
+    // Whether an add can hop past all other levels at next to no price, wherever the free slots are.
+    bool has_few_levels() const {
+        return level_count_ <= few_levels;
+    }
+
     bool is_live(int32_t slot) const {
         return live_.contains(slot);
     }
@@ -94,6 +99,8 @@ class shadow {
     int32_t first_live_not_above(uint32_t priority, int32_t from) const;
     bool neighbour_has(uint32_t priority, int32_t slot) const;
     void move_entry(int32_t from, int32_t to);
+
+    static constexpr int32_t few_levels = 8;
 
     int32_t size_ = 0;
     int32_t count_ = 0;

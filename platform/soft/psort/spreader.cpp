@@ -47,7 +47,7 @@ shift spreader::downward_from(const shadow &table, place first, int32_t delta_si
 }
 
 shift spreader::plan_step(const shadow &table, int32_t delta_size) {
-    if (delta_size < 1 || table.level_count() <= few_levels) {
+    if (delta_size < 1 || table.has_few_levels()) {
         return {0, 0, 0};
     }
     for (place entry = {table.next_live(settled_.slot), settled_.rank}; entry.slot < table.size();

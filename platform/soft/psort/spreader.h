@@ -16,11 +16,10 @@ namespace kr_soft::psort {
 
 class spreader {
   public:
-    // Up to this many levels an add hops past all others in fewer calls and rules than spreading would ever save.
-    static constexpr int32_t few_levels = 8;
     static constexpr int32_t max_step_rules = 64;
 
-    // One shift of a few rules by `delta_size` slots at most, or one of size 0 when nothing is left to do.
+    // One shift of a few rules by `delta_size` slots at most, or one of size 0 when nothing is left to do. Where there
+    // are few levels nothing ever is: adds hop past them for less than spreading takes.
     shift plan_step(const shadow &table, int32_t delta_size);
 
     // An entry has come or gone: whatever was still to be done is forgotten, for all belong elsewhere now.
