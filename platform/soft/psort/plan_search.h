@@ -36,8 +36,8 @@ class plan_search {
     // of `room` may go. There is a free slot in the table and none in `room`.
     free_run make_room(const shadow &table, const span &room, std::vector<shift> *shifts);
 
-    int32_t max_shifts() const {
-        return static_cast<int32_t>(pieces_.capacity());
+    size_t max_shifts() const {
+        return pieces_.capacity();
     }
 
   private:

@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "psort/plan_search.h"
+#include "psort/pull.h"
+#include "psort/sequence.h"
 #include "psort/shadow.h"
 
 namespace kr_soft::psort {
@@ -22,23 +24,6 @@ constexpr int32_t call_cost = 10;
 struct plan {
     std::vector<shift> shifts;
     int32_t slot = -1;
-};
-
-// A row of adds each of which came directly above (or directly below) the one before it.
-struct add_sequence {
-    enum direction_type : int8_t { none, upward, downward }; // towards higher priorities, that is lower slots
-
-    // Whether that is no accident. In random order, about one add in count^2 / 2 is the third of such a row, except
-    // that the first few entries of a table have hardly any other place to go.
-    bool is_established(int32_t count) const {
-        return length >= (count < small_count ? 6 : 3);
-    }
-
-    static constexpr int32_t small_count = 30;
-
-    direction_type direction = none;
-    int32_t length = 0;
-    uint64_t last_key = 0;
 };
 
 class planner {
@@ -53,16 +38,14 @@ class planner {
     void added(uint64_t key);
 
   private:
-    void follow_sequence(const shadow &table, const span &room);
     bool plan_retreat(const shadow &table, const span &room);
-    void plan_pull(const shadow &table, const span &room);
     int32_t slot_beside_level(const shadow &table, const span &room) const;
     int32_t slot_in_gap(const shadow &table, const span &room, uint32_t priority, int32_t begin, int32_t end) const;
 
     double min_priority_ = 0;
     double max_priority_ = 0;
-    add_sequence sequence_;
-    add_sequence next_sequence_; // once the planned entry is in
+    sequence sequence_;
+    pull pull_;
     plan_search search_;
     plan result_;
 };
