@@ -24,9 +24,13 @@ constexpr int32_t retries = 6;
 constexpr float retry_worth = 0.3F;
 constexpr float retry_reach = 0.9F;
 
-// How far a search looks. Pieces of single entries are short where it matters and grow with the distance from there.
-constexpr size_t pieces_behind_free = 40;   // on one side, once a free slot has been passed
-constexpr float weight_behind_free = 64;    // likewise: the work that one add does for those to come
+// How far a search looks. Behind a free slot it stops after so much of the work that one add does for those to come,
+// which is more where free slots are far apart. Pieces of single entries are short at first and grow with the distance.
+constexpr float least_weight_behind_free = 64; // in rules
+constexpr float most_weight_behind_free = 400;
+constexpr float distances_behind_free = 3; // mean distances between free slots
+constexpr size_t pieces_behind_free = 40;
+constexpr float weight_of_piece = 2.5;      // more pieces where the weight is more
 constexpr size_t exact_pieces = 64;         // after so many without a free slot
 constexpr int32_t exact_piece_size = 8;     // pieces grow from this size
 constexpr int32_t growth_divisor = 4;       // to this part of the way come so far
@@ -89,9 +93,16 @@ namespace {
 // When to stop collecting pieces on one side.
 class reach {
   public:
+    explicit reach(const shadow &table)
+        : weight_behind_free_(std::clamp(distances_behind_free * static_cast<float>(table.size()) /
+                                             static_cast<float>(table.free_count()),
+                                         least_weight_behind_free, most_weight_behind_free)),
+          pieces_behind_free_(
+              std::max(pieces_behind_free, static_cast<size_t>(weight_behind_free_ / weight_of_piece))) {}
+
     bool goes_on() const {
         return count_ < max_pieces_per_side &&
-               (!passed_free_ || (count_ < pieces_behind_free && weight_ <= weight_at_free_ + weight_behind_free));
+               (!passed_free_ || (count_ < pieces_behind_free_ && weight_ <= weight_at_free_ + weight_behind_free_));
     }
     int32_t single_limit() const {
         return count_ < exact_pieces ? exact_piece_size : std::max(exact_piece_size, slots_ / growth_divisor);
@@ -107,6 +118,8 @@ class reach {
     }
 
   private:
+    float weight_behind_free_;
+    size_t pieces_behind_free_;
     size_t count_ = 0;
     int32_t slots_ = 0;
     float weight_ = 0;
@@ -118,7 +131,7 @@ class reach {
 
 // Pieces from `last` towards the first slot.
 void plan_search::collect_above(const shadow &table, int32_t last, const balance &even) {
-    reach side;
+    reach side(table);
     int32_t free_before = table.free_before(last + 1);
     int32_t stop = last < 0 ? -1 : table.prev_free(last);
     while (last >= 0 && side.goes_on()) {
@@ -140,7 +153,7 @@ void plan_search::collect_above(const shadow &table, int32_t last, const balance
 
 // Pieces from `first` towards the last slot. The new entry is in front of them, in a slot that was free.
 void plan_search::collect_below(const shadow &table, int32_t first, const balance &even) {
-    reach side;
+    reach side(table);
     int32_t free_before = table.free_before(first);
     int32_t stop = table.next_free(first);
     gap_behind_ = 0;

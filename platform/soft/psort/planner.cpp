@@ -1,7 +1,7 @@
 /*
  * Where a new entry goes. With free slots between its neighbours, where its priority lies between theirs; right beside
  * the last one when adds come in sequence; at the emptier side of its level when the level exists. Without any, where
- * the plan search makes room.
+ * the plan search makes room, or a pull for all of a sequence.
  */
 #include "psort/planner.h"
 

@@ -1,8 +1,9 @@
 /*
  * Plans: which blocks the owner has to shift, in which order, before a new entry of a given priority has a free slot.
  * Planning looks at the shadow and changes nothing; whoever executes a plan issues its shifts in the order given, and
- * every prefix of them leaves a valid, ordered table. Nothing here calls the owner. How the cheapest plan is found is
- * plan_search's business; this is where an entry goes, and what the recent adds say about the next ones.
+ * every prefix of them leaves a valid, ordered table. Nothing here calls the owner. This is
+ * where an entry goes; how room is made at the least price is the business of plan_search for single adds and of pull
+ * for adds in sequence.
  */
 #ifndef KR_SOFT_PSORT_PLANNER_H
 #define KR_SOFT_PSORT_PLANNER_H
@@ -16,9 +17,6 @@
 #include "psort/shadow.h"
 
 namespace kr_soft::psort {
-
-// The cost model: what a shift call costs its owner beside the rules that it moves, in rules.
-constexpr int32_t call_cost = 10;
 
 // Shifts, and the slot that is free for the new entry once they are made.
 struct plan {

@@ -9,9 +9,13 @@
 #include <cmath>
 #include <limits>
 
-#include "psort/planner.h"
-
 namespace kr_soft::psort {
+namespace {
+
+// No pull brings more than this many times what is expected. What the sequence leaves is of use to those that follow.
+constexpr double most_expected = 8;
+
+} // namespace
 
 void pull::side::add(int32_t begin, int32_t live_slots, int32_t free_slots) {
     stretches[count] = {begin, live_slots, free_slots, rules_with(count) + live_slots, free_with(count) + free_slots};
@@ -74,7 +78,7 @@ void pull::append(const side &from, size_t taken, int32_t surplus, int32_t direc
 }
 
 free_run pull::plan(const shadow &table, int32_t boundary, double expected, std::vector<shift> *shifts) {
-    const auto enough = static_cast<int32_t>(std::min(2 * expected, static_cast<double>(table.size())));
+    const auto enough = static_cast<int32_t>(std::min(most_expected * expected, static_cast<double>(table.size())));
     collect(table, boundary, enough);
     const choice best = cheapest(expected);
     const int32_t surplus = std::max(0, above_.free_with(best.above) + below_.free_with(best.below) - enough);

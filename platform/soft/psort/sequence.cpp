@@ -15,11 +15,11 @@ constexpr int32_t least_length_in_small = 6;
 
 constexpr double memory = 0.25;           // how much the latest sequence counts for the usual length
 constexpr double habit_memory = 1 / 32.0; // how much the latest add counts for the share of adds in sequence
-constexpr double habit_share = 0.8;
+constexpr double habit_share = 0.5;
 
 constexpr double least_expectation = 4; // adds
 constexpr double growth = 2;            // the first sequence goes on for this many times its length
-constexpr double overtime = 0.25;       // one that is longer than usual for this part of the usual length
+constexpr double overtime = 1;          // one that is longer than usual for this part of the usual length
 
 } // namespace
 

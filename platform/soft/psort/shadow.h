@@ -21,6 +21,9 @@ struct shift {
     int32_t size;
 };
 
+// The cost model: what a shift costs its owner beside the rules that it moves, in rules.
+constexpr int32_t call_cost = 10;
+
 // Where entries of one priority may go: above is the last live slot of a higher priority, below the first of a lower.
 // When the priority is present its entries span [first, last]; otherwise first is `below` and last is `above`.
 struct span {
