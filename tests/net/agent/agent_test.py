@@ -64,6 +64,16 @@ class AgentTest(unittest.TestCase):
     def arrives(self, port, data):
         self.assertEqual(self.switch.cables[port].receive(), data)
 
+    def config_becomes(self, number, config):
+        while True:
+            _, port = self.c.port_status(of.PORT_MODIFIED)
+            if (port["port"], port["config"]) == (number, config):
+                return
+
+    def expect(self, port, data):
+        """The frame, or with None silence."""
+        self.assertEqual(self.switch.cables[port].receive(SHORT if data is None else 10), data)
+
     def silent(self, *ports):
         for port in ports:
             self.assertIsNone(self.switch.cables[port].receive(SHORT), f"port {port}")
@@ -310,16 +320,16 @@ class Timeouts(AgentTest):
         self.assertEqual(self.c.flows(), [])
 
     def test_idle_counts_from_the_last_frame(self):
-        self.add(match=of.match(in_port=P1), idle=1, flags=of.SEND_FLOW_REM, actions=[of.output(P2)])
+        self.add(match=of.match(in_port=P1), idle=2, flags=of.SEND_FLOW_REM, actions=[of.output(P2)])
         for _ in range(4):
-            self.assertIsNone(self.switch.cables[3].receive(0.5))  # half a time-out
+            self.assertIsNone(self.switch.cables[3].receive(0.5))  # much less than the time-out
+            age = self.c.flows()[0]["age"]  # before the frame that counts
             self.send(1, frame())
             self.arrives(2, frame())
-        age = self.c.flows()[0]["age"]
         told = self.c.flow_removed()
         self.assertEqual((told["reason"], told["packets"]), (0, 4))
-        self.assertGreaterEqual(told["age"], age + 1 - 0.1)
-        self.assertGreaterEqual(told["age"], 3)
+        self.assertGreaterEqual(told["age"], age + 2)
+        self.assertGreaterEqual(told["age"], 4)
 
 
 class Forwarding(AgentTest):
@@ -352,7 +362,7 @@ class Forwarding(AgentTest):
         for port in (2, 3, 4):
             self.arrives(port, frame())
         self.assertIsNone(self.c.do(of.port_mod(P3, address, of.NO_FLOOD, of.NO_FLOOD)))
-        self.assertEqual(self.c.port_status()[1]["config"], of.NO_FLOOD)
+        self.config_becomes(P3, of.NO_FLOOD)
         self.send(1, frame())
         self.arrives(2, frame())
         self.arrives(4, frame())
@@ -360,7 +370,7 @@ class Forwarding(AgentTest):
         self.send(2, frame())
         self.arrives(3, frame())
         self.assertIsNone(self.c.do(of.port_mod(P3, address, 0, of.NO_FLOOD)))
-        self.assertEqual(self.c.port_status()[1]["config"], 0)
+        self.config_becomes(P3, 0)
         self.send(1, frame())
         self.arrives(3, frame())
 
@@ -465,9 +475,8 @@ class Ports(AgentTest):
         for state, expected in (("down", 1), ("up", 0)):
             switch.run("ip", "link", "set", "p2", state)
             while True:
-                reason, port = self.c.port_status()
-                self.assertEqual((reason, port["port"]), (2, P2))
-                if port["state"] & 1 == expected:
+                _, port = self.c.port_status(of.PORT_MODIFIED)
+                if port["port"] == P2 and port["state"] & 1 == expected:
                     break
 
     def test_port_mod_down_and_up(self):
@@ -494,9 +503,9 @@ class Ports(AgentTest):
                                                (0, True, True, True)):
             set_config(config)
             self.send(2, frame())
-            self.assertEqual(self.switch.cables[1].receive(SHORT), frame() if forward else None, config)
+            self.expect(1, frame() if forward else None)
             self.send(1, frame(kind=0x9999))
-            self.assertEqual(self.switch.cables[2].receive(SHORT), frame(kind=0x9999) if receive else None, config)
+            self.expect(2, frame(kind=0x9999) if receive else None)
             self.send(1, frame())
             self.send(3, frame())
             self.assertEqual(self.c.packet_in()["port"], P1 if tell else P3, config)
@@ -509,15 +518,16 @@ class Ports(AgentTest):
         self.add(match=of.match(in_port=P2), priority=3, actions=[of.output(of.FLOOD)])
         before = [{**flow, "age": 0} for flow in self.c.flows()]
         self.assertEqual(self.switch.ask_connector("remove s4"), "ok")
-        reason, port = self.c.port_status()
-        self.assertEqual((reason, port["port"], len(self.c.features()["ports"])), (1, P4, 3))
+        # A link that another test has moved may still be told; that is no matter here.
+        _, port = self.c.port_status(of.PORT_DELETED)
+        self.assertEqual((port["port"], len(self.c.features()["ports"])), (P4, 3))
         self.assertEqual([{**flow, "age": 0} for flow in self.c.flows()], before)
         self.assertEqual(self.c.do(of.flow_mod(match=of.match(in_port=P4))), of.UNSUPPORTED)
         self.send(1, frame())
         self.arrives(2, frame())
         self.assertTrue(self.switch.ask_connector("add s4 4").startswith("ok"))
-        reason, port = self.c.port_status()
-        self.assertEqual((reason, port["port"]), (0, P4))
+        _, port = self.c.port_status(of.PORT_ADDED)
+        self.assertEqual(port["port"], P4)
         self.c.barrier()
         for sender, receivers in ((4, (1,)), (1, (4, 2)), (2, (1, 3, 4))):
             self.send(sender, frame())
@@ -529,11 +539,11 @@ class Ports(AgentTest):
         self.add(flags=of.SEND_FLOW_REM, actions=[of.output(P2), of.output(P3)])
         self.assertEqual(self.switch.ask_connector("stop"), "ok")
         for _ in range(4):
-            self.assertEqual(self.c.port_status()[0], 1)
+            self.c.port_status(of.PORT_DELETED)
         self.assertEqual(self.switch.ask_connector("start"), "ok")
         self.assertEqual(self.c.flow_removed()["reason"], 2)
         for _ in range(4):
-            self.assertEqual(self.c.port_status()[0], 0)
+            self.c.port_status(of.PORT_ADDED)
         self.assertEqual(self.c.flows(), [])
         self.add(match=of.match(in_port=P1), actions=[of.output(P2), of.output(P3)])
         self.send(1, frame())

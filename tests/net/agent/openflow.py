@@ -28,6 +28,8 @@ ACTION_BAD_VENDOR = (2, 2)
 TABLE_FULL, OVERLAP, BAD_EMERG_TIMEOUT, BAD_COMMAND, UNSUPPORTED = (3, 0), (3, 1), (3, 3), (3, 4), (3, 5)
 BAD_PORT, BAD_HW_ADDR = (4, 0), (4, 1)
 
+PORT_ADDED, PORT_DELETED, PORT_MODIFIED = range(3)
+
 WILDCARDS = {"in_port": 1, "dl_vlan": 2, "dl_src": 4, "dl_dst": 8, "dl_type": 16, "nw_proto": 32, "tp_src": 64,
              "tp_dst": 128, "dl_vlan_pcp": 1 << 20, "nw_tos": 1 << 21}
 ALL_WILD = (1 << 22) - 1
@@ -231,6 +233,7 @@ class Controller:
         return {"match": body[:40], "cookie": cookie, "priority": priority, "reason": reason,
                 "age": seconds + nanoseconds * 1e-9, "idle": idle, "packets": packets, "bytes": octets}
 
-    def port_status(self):
-        _, _, body = self.wait(PORT_STATUS)
+    def port_status(self, *reasons):
+        """The next one with one of the reasons, if any are given."""
+        _, _, body = self.wait(PORT_STATUS, lambda xid, body: not reasons or body[0] in reasons)
         return body[0], parse_port(body[8:])

@@ -113,7 +113,8 @@ class Switch:
         first = self.controller()
         ports = len(first.features()["ports"])
         while ports < count:  # those that came late are told one by one
-            ports += first.port_status()[0] == 0
+            first.port_status(openflow.PORT_ADDED)
+            ports += 1
         first.close()
         self.controllers.clear()
 
