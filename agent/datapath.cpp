@@ -84,6 +84,7 @@ void datapath::port_removed(uint16_t number) {
 
 void datapath::link_changed(uint16_t number, bool is_up) {
     if (const of10::phy_port *const port = known_ports.link_changed(number, is_up)) {
+        log(log_level::notice, "port %u (%s): link %s", number, port->name.c_str(), is_up ? "up" : "down");
         tell_port(of10::port_reason::modify, *port);
     }
 }

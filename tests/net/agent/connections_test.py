@@ -227,10 +227,14 @@ class BackPressure(WithSwitch):
         reading = self.switch.controller()
         for one in self.switch.controllers:
             one.send(of.message(of.SET_CONFIG, struct.pack("!HH", 0, 0xffff)))
+            self.assertEqual(one.barrier(), {})
         before = memory(self.switch.process.pid)
-        for _ in range(3000):  # one after the other: 4 MB, none of which gets lost on the way
+        for i in range(3000):  # one after the other: 4 MB, none of which gets lost on the way
             self.switch.cables[1].send(FRAME)
-            self.assertEqual(reading.packet_in()["data"], FRAME)
+            try:
+                self.assertEqual(reading.packet_in()["data"], FRAME)
+            except TimeoutError:
+                self.fail(f"frame {i} got lost:\n" + self.switch.log_text())
         self.assertEqual(reading.barrier(), {})
         self.assertLess(memory(self.switch.process.pid), before + 2048)
 

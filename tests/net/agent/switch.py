@@ -115,8 +115,24 @@ class Switch:
         while ports < count:  # those that came late are told one by one
             first.port_status(openflow.PORT_ADDED)
             ports += 1
+        for i in self.cables:
+            self.wait_for_link(first, i)
         first.close()
         self.controllers.clear()
+
+    def wait_for_link(self, controller, port):
+        """Until a frame gets through: the kernel takes a moment to call a new interface up."""
+        controller.timeout = 0.2
+        for _ in range(100):
+            self.cables[port].send(b"\xff" * 6 + b"\2" * 6 + b"\xaa\xaa" + b"\0" * 46)
+            try:
+                while controller.packet_in()["port"] != PORT_BASE + port:
+                    pass
+                controller.timeout = 20
+                return
+            except TimeoutError:
+                pass
+        raise AssertionError(f"no frame gets through port {port}")
 
     def controller(self, greet=True, timeout=20):
         connected = socket.socket(socket.AF_UNIX)
