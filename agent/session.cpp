@@ -15,7 +15,8 @@ constexpr const char *manufacturer = "Korvane";
 constexpr const char *hardware_text = "Ethernet switch with a 12-tuple flow table";
 constexpr const char *software_text = "krsdn-ofagentd " KR_AGENT_VERSION;
 constexpr const char *serial_text = "None";
-constexpr uint32_t own_xid = 0; // of what nobody asked for
+constexpr uint32_t own_xid = 0;                  // of what nobody asked for
+constexpr size_t unread_limit = 4 * 1024 * 1024; // bytes that wait for a controller that does not read
 
 refusal bad_request(uint16_t code, const char *reason) {
     return {of10::error_type::bad_request, code, reason};
@@ -105,7 +106,12 @@ void session::refuse(of10::byte_view wire, const refusal &why) {
     of10::encode_error(connection_.replies(), wire, why.type, why.code);
 }
 
+// What nobody asked for must not be left out silently, nor pile up without end.
 void session::tell(const of10::message_body &body) {
+    if (connection_.replies().size() >= unread_limit) {
+        connection_.close("the controller does not read what it is told");
+        return;
+    }
     reply(own_xid, body);
     connection_.send();
 }

@@ -90,33 +90,44 @@ bool switch_link::start(datapath &switch_state, std::string *why) {
     return check(kr_sdn_hal_activate(), "kr_sdn_hal_activate", why);
 }
 
-// Does something that may have to wait for the library's producers, while the loop goes on.
+// Does something that may have to wait for the library's producers, while the loop goes on; one after the other.
 void switch_link::run_aside(std::function<void()> work, std::function<void()> then) {
-    if (aside_.joinable()) {
-        aside_.join();
+    aside_queue_.push_back({std::move(work), std::move(then)});
+    if (aside_queue_.size() == 1) {
+        start_aside();
     }
-    aside_then_ = std::move(then);
-    aside_watch_ = std::make_unique<fd_watch>(loop_, aside_done_.get(), [this](bool, bool) {
-        uint64_t count = 0;
-        (void)!read(aside_done_.get(), &count, sizeof count);
-        aside_.join();
-        aside_watch_->want(false, false);
-        aside_then_();
-    });
-    aside_watch_->want(true, false);
-    aside_ = std::thread([this, work = std::move(work)] {
+}
+
+void switch_link::start_aside() {
+    if (aside_watch_ == nullptr) {
+        aside_watch_ = std::make_unique<fd_watch>(loop_, aside_done_.get(), [this](bool, bool) { end_aside(); });
+        aside_watch_->want(true, false);
+    }
+    aside_ = std::thread([this, work = aside_queue_.front().work] {
         work();
         const uint64_t one = 1;
         (void)!write(aside_done_.get(), &one, sizeof one);
     });
 }
 
+void switch_link::end_aside() {
+    uint64_t count = 0;
+    (void)!read(aside_done_.get(), &count, sizeof count);
+    aside_.join();
+    const std::function<void()> then = std::move(aside_queue_.front().then);
+    aside_queue_.pop_front();
+    if (!aside_queue_.empty()) {
+        start_aside();
+    }
+    then();
+}
+
+// From here until packets_opened() the channel belongs to the thread aside.
 void switch_link::open_packets() {
+    close_watches();
     run_aside(
         [this] {
-            if (has_packets_) { // of before the switch was started anew
-                packets_sdk_watch_->want(false, false);
-                packets_pipe_watch_->want(false, false);
+            if (packets_.is_open != 0) { // of before the switch was started anew
                 (void)!kr_sdn_hal_srvc_close(&packets_);
             }
             std::string why;
@@ -132,8 +143,17 @@ void switch_link::open_packets() {
         [this] { packets_opened(); });
 }
 
+void switch_link::close_watches() {
+    has_packets_ = false;
+    packets_sdk_watch_.reset();
+    packets_pipe_watch_.reset();
+}
+
 void switch_link::packets_opened() {
-    has_packets_ = packets_.is_open != 0;
+    if (!aside_queue_.empty()) {
+        return; // something else is to be done with the channel already
+    }
+    has_packets_ = packets_.is_open != 0 && packets_.sdk_fd_open != 0;
     if (has_packets_) {
         const auto on_ready = [this](bool, bool) { read_packets(); };
         packets_pipe_watch_ = std::make_unique<fd_watch>(loop_, packets_.hal_pipe[0], on_ready);
@@ -237,11 +257,7 @@ void switch_link::stop() {
         return;
     }
     stop_limit_.start(stop_patience);
-    if (packets_sdk_watch_ != nullptr) {
-        packets_sdk_watch_->want(false, false);
-        packets_pipe_watch_->want(false, false);
-    }
-    has_packets_ = false;
+    close_watches();
     run_aside(
         [this] {
             if (packets_.is_open != 0) {

@@ -10,6 +10,7 @@
 #ifndef KR_AGENT_SWITCH_LINK_H
 #define KR_AGENT_SWITCH_LINK_H
 
+#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
@@ -56,7 +57,10 @@ class switch_link {
     void read_packets();
     void take_packet(const hal_event_record &record);
     void run_aside(std::function<void()> work, std::function<void()> then);
+    void start_aside();
+    void end_aside();
     void open_packets();
+    void close_watches();
     void packets_opened();
     void ask_connector();
     void read_answer();
@@ -73,10 +77,13 @@ class switch_link {
     std::unique_ptr<fd_watch> events_watch_, packets_pipe_watch_, packets_sdk_watch_;
     hal_event_record record_;
 
+    struct aside_work {
+        std::function<void()> work, then; // on the thread aside; afterwards on the loop
+    };
+    std::deque<aside_work> aside_queue_; // the first is being done
     std::thread aside_;
     unique_fd aside_done_;
     std::unique_ptr<fd_watch> aside_watch_;
-    std::function<void()> aside_then_;
 
     timer settle_, settle_limit_, stop_limit_;
     bool has_settled_ = false;

@@ -238,6 +238,21 @@ class BackPressure(WithSwitch):
         self.assertEqual(reading.barrier(), {})
         self.assertLess(memory(self.switch.process.pid), before + 2048)
 
+    def test_who_does_not_read_what_must_be_told_is_left(self):
+        self.run_switch("--probe-interval", "0")
+        self.switch.controller()  # reads nothing
+        reading = self.switch.controller()
+        flow = lambda i: of.flow_mod(match=of.match(dl_vlan=i), flags=of.SEND_FLOW_REM)
+        rounds = 0
+        while "does not read" not in self.switch.log_text():
+            reading.send(b"".join(flow(i) for i in range(1000)) + of.flow_mod(of.DELETE))
+            self.assertEqual(reading.barrier(), {})
+            self.assertEqual(sum(kept[0] == of.FLOW_REMOVED for kept in reading.queue), 1000)
+            reading.queue.clear()
+            rounds += 1
+            self.assertLess(rounds, 200)
+        self.assertGreater(rounds, 20)
+
     def test_requests_are_served_during_a_flood(self):
         self.run_switch("--probe-interval", "0")
         controller = self.switch.controller()
