@@ -212,6 +212,7 @@ class stress : public running_switch {
     void inject_and_send();
     void set_flows(uint64_t first_id, uint64_t seed);
     void open_and_close_channels(uint64_t seed);
+    void leave_unread();
     void change_verbosity();
     void change_groups(uint32_t member);
 
@@ -434,7 +435,8 @@ void stress::change_groups(uint32_t member) {
     }
 }
 
-// A client that comes and goes. It reads as long as it is registered: otherwise it would stop the producers.
+// A client that comes and goes. It reads as long as it registers and unregisters: otherwise it would stop the
+// producers, and wait for them itself.
 void stress::open_and_close_channels(uint64_t seed) {
     std::mt19937_64 random = random_of(seed);
     while (!is_over()) {
@@ -470,6 +472,17 @@ void stress::open_and_close_channels(uint64_t seed) {
         }
         is_unregistered = true;
         reader.join();
+    }
+}
+
+// A client that hears of something, reads nothing, and leaves: close does not wait for the producers that it stopped.
+void stress::leave_unread() {
+    std::mt19937_64 random = random_of(6);
+    while (!is_over()) {
+        channel passing({EVENT_VLAN_UPDATE});
+        for (uint64_t pause = random() % 200; pause > 0; pause--) {
+            sched_yield();
+        }
     }
 }
 
@@ -523,6 +536,7 @@ TEST_F(stress, nothing_is_lost_doubled_torn_out_of_order_or_stuck) {
     makers.emplace_back([this] { change_groups(1); });
     makers.emplace_back([this] { open_and_close_channels(4); });
     makers.emplace_back([this] { open_and_close_channels(5); });
+    makers.emplace_back([this] { leave_unread(); });
     makers.emplace_back([this] { change_verbosity(); });
     for (std::thread &maker : makers) {
         maker.join();
