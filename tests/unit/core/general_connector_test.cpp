@@ -1,6 +1,10 @@
 /*
  * Loading the connector, and the log lines that go to it.
  */
+#include <unistd.h>
+
+#include <vector>
+
 #include "general_fixture.h"
 
 using kr_test::call_list;
@@ -13,6 +17,9 @@ using testing::ElementsAreArray;
 using testing::HasSubstr;
 
 namespace {
+
+// How far standard error had been written, while it was captured, when a library was closed.
+std::vector<off_t> told_at_close;
 
 class general_connector_test : public general_fixture {
   protected:
@@ -46,6 +53,13 @@ INSTANTIATE_TEST_SUITE_P(symbols, general_connector_symbol_test,
                                          "conn_config_callback_register", "conn_event_callback_register",
                                          "conn_config_params_get", "conn_log"),
                          [](const auto &row) { return row.param; });
+
+TEST_F(general_connector_test, missing_symbol_is_told_once_the_library_is_closed) {
+    profile = profile_of(fake_plugin("fake_connector_without_conn_log"));
+    told_at_close.clear();
+    EXPECT_THAT(failing_load(), testing::StartsWith("Loading symbol has failed ["));
+    EXPECT_THAT(told_at_close, testing::ElementsAre(0));
+}
 
 TEST_F(general_connector_test, missing_symbol_keeps_the_entry_points_of_an_earlier_load) {
     connector->config_register_status = 1;
@@ -134,3 +148,18 @@ TEST_F(general_connector_test, log_still_works_after_deinit) {
 }
 
 } // namespace
+
+// Visible, since the linker reroutes the references of the sanitizers' shared libraries as well.
+#pragma GCC visibility push(default)
+extern "C" {
+
+int __real_dlclose(void *library);
+int __wrap_dlclose(void *library);
+
+int __wrap_dlclose(void *library) {
+    told_at_close.push_back(lseek(STDERR_FILENO, 0, SEEK_CUR));
+    return __real_dlclose(library);
+}
+
+} // extern "C"
+#pragma GCC visibility pop
