@@ -8,7 +8,9 @@
 #ifndef KR_TABLES_TABLE_OPS_H
 #define KR_TABLES_TABLE_OPS_H
 
+#include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 #include "flow_record.h"
 #include "kr_psort.h"
@@ -68,5 +70,26 @@ struct table_ops {
     /* Moves the same block as rules_shift in the flows database. Same lock and indices. Not null. */
     kr_sdn_hal_status (*flows_db_rules_shift)(uint32_t old_index, uint32_t new_index, uint32_t size);
 };
+
+// Fifteen slots and nothing else, in this order.
+#define KR_SLOT(number, name) static_assert(offsetof(table_ops, name) == ((number)-1) * sizeof(void *))
+KR_SLOT(1, init);
+KR_SLOT(2, deinit);
+KR_SLOT(3, capabilities_get);
+KR_SLOT(4, config);
+KR_SLOT(5, del);
+KR_SLOT(6, add_port);
+KR_SLOT(7, del_port);
+KR_SLOT(8, activity_get);
+KR_SLOT(9, table_stats_get);
+KR_SLOT(10, flows_stats_get);
+KR_SLOT(11, rules_shift);
+KR_SLOT(12, rule_get);
+KR_SLOT(13, flows_db_set);
+KR_SLOT(14, flows_db_get);
+KR_SLOT(15, flows_db_rules_shift);
+#undef KR_SLOT
+static_assert(sizeof(table_ops) == 15 * sizeof(void *));
+static_assert(std::is_standard_layout_v<table_ops> && std::is_trivially_copyable_v<table_ops>);
 
 #endif
