@@ -103,7 +103,6 @@ kr_sdn_hal_status tables_acl_mcast_group_get(uint32_t group_id, uint32_t *port_c
     log_port_list log_ports{};
     const kr_status status =
         kr_acl_rm_api_acl_mc_group_get(relaxed_load(g.acl_rm_handle), group_id, port_count, log_ports.ports);
-    const uint32_t member_count = std::min(*port_count, room); // no platform and no other thread widens the loop
     if (status == KR_STATUS_ENTRY_NOT_FOUND) {
         HAL_NOTICE("Failed to get mc group from ACL RM rc (%u) - entry not found", status);
         return KR_SDN_HAL_STATUS_ENTRY_NOT_FOUND;
@@ -112,6 +111,9 @@ kr_sdn_hal_status tables_acl_mcast_group_get(uint32_t group_id, uint32_t *port_c
         HAL_ERROR("Failed to get mc group from ACL RM rc (%u) ", status);
         return KR_SDN_HAL_STATUS_ERROR;
     }
+    // Whatever the platform answers: the client's array holds no more, and the client reads as many as it is told.
+    const uint32_t member_count = std::min(*port_count, room);
+    *port_count = member_count;
     for (uint32_t i = 0; i < member_count; ++i) {
         const kr_sdn_hal_status translated = port_translate_log_port(log_ports.ports[i], &ports[i]);
         if (translated != KR_SDN_HAL_STATUS_SUCCESS) {
