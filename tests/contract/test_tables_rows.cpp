@@ -302,6 +302,20 @@ const row life_cycle_rows[] = {
      {error("Could not create pSort background thread")},
      until(7, start_calls, "1")},
     {"stop", stage::started, tables_dependent_deinit, "", 0, 0, SUCCESS, {}, stop_calls},
+    {"stop_flows_database_is_gone",
+     stage::started,
+     [] {
+         (void)flows_db_deinit(&acl_flows_db);
+         return tables_dependent_deinit();
+     },
+     "",
+     0,
+     0,
+     ERROR,
+     {{KR_LOG_ERROR, "FLOWS_DB", "Flow DB is not initialized.\n"},
+      error("Failed to deinit flows DB"),
+      error("Failed to deinit table (0) rc = 1")},
+     first(2, stop_calls)},
     {"stop_psort_fails",
      stage::started,
      tables_dependent_deinit,
@@ -702,6 +716,18 @@ const row delete_rows[] = {
      0,
      KR_SDN_HAL_STATUS_CMD_UNSUPPORTED,
      {},
+     {}},
+    {"modify_before_init_is_told_that_there_is_no_table_first",
+     stage::unstarted,
+     [] {
+         flow_record flow = make_flow(1);
+         return tables_entry_set(1, 0, &flow, 1);
+     },
+     "",
+     0,
+     0,
+     KR_SDN_HAL_STATUS_NOT_INITIALIZED,
+     {error("SDN HAL Tables module is not initialized")},
      {}},
     {"delete_before_init",
      stage::unstarted,

@@ -98,6 +98,24 @@ const row rows[] = {
      PARAM_NULL, {null_parameter}, "kr_sdn_hal_table_mcast_group_set", false},
     {"group_without_id", [](arguments &a) { return kr_sdn_hal_table_mcast_group_set(2, 0, a.ports.data(), nullptr); },
      PARAM_NULL, {null_parameter}, "kr_sdn_hal_table_mcast_group_set", false},
+    {"group_edit_without_ports",
+     [](arguments &a) { return kr_sdn_hal_table_mcast_group_set(3, 1, nullptr, &a.group_id); },
+     PARAM_NULL, {null_parameter}, "kr_sdn_hal_table_mcast_group_set", false},
+    {"group_edit_without_ports_to_remove",
+     [](arguments &a) { return kr_sdn_hal_table_mcast_group_set(4, 1, nullptr, &a.group_id); },
+     PARAM_NULL, {null_parameter}, "kr_sdn_hal_table_mcast_group_set", false},
+    {"group_command_5_without_ports",
+     [](arguments &a) { return kr_sdn_hal_table_mcast_group_set(5, 1, nullptr, &a.group_id); },
+     PARAM_NULL, {null_parameter}, "kr_sdn_hal_table_mcast_group_set", false},
+    {"group_edit_of_101_ports",
+     [](arguments &a) { return kr_sdn_hal_table_mcast_group_set(3, 101, a.ports.data(), &a.group_id); },
+     EXCEEDS_RANGE, {"ports number exceeds range"}, "kr_sdn_hal_table_mcast_group_set", false},
+    {"group_edit_that_removes_101_ports",
+     [](arguments &a) { return kr_sdn_hal_table_mcast_group_set(4, 101, a.ports.data(), &a.group_id); },
+     EXCEEDS_RANGE, {"ports number exceeds range"}, "kr_sdn_hal_table_mcast_group_set", false},
+    {"group_command_1_of_101_ports",
+     [](arguments &a) { return kr_sdn_hal_table_mcast_group_set(1, 101, a.ports.data(), &a.group_id); },
+     EXCEEDS_RANGE, {"ports number exceeds range"}, "kr_sdn_hal_table_mcast_group_set", false},
     {"group_of_101_ports",
      [](arguments &a) { return kr_sdn_hal_table_mcast_group_set(0, 101, a.ports.data(), &a.group_id); },
      EXCEEDS_RANGE, {"ports number exceeds range"}, "kr_sdn_hal_table_mcast_group_set", false},
@@ -123,12 +141,21 @@ const row rows[] = {
     {"group_edit_of_0_ports_is_still_made",
      [](arguments &a) { return kr_sdn_hal_table_mcast_group_set(3, 0, a.ports.data(), &a.group_id); },
      SUCCESS, {"ports number should be at least 1"}, "kr_sdn_hal_table_mcast_group_set", true},
+    {"group_edit_that_removes_0_ports_is_still_made",
+     [](arguments &a) { return kr_sdn_hal_table_mcast_group_set(4, 0, a.ports.data(), &a.group_id); },
+     SUCCESS, {"ports number should be at least 1"}, "kr_sdn_hal_table_mcast_group_set", true},
+    {"group_edit_of_an_unknown_port_succeeds",
+     [](arguments &a) { a.ports[0] = 77; return kr_sdn_hal_table_mcast_group_set(3, 1, a.ports.data(), &a.group_id); },
+     SUCCESS, {"Failed to translate output port (77) rc (4)n "}, "kr_sdn_hal_table_mcast_group_set", true},
     {"group_edit_that_fails_below_succeeds",
      [](arguments &a) { a.group_id = 200; return kr_sdn_hal_table_mcast_group_set(4, 1, a.ports.data(), &a.group_id); },
      SUCCESS, {"Failed to edit mc group in ACL RM rc (5) "}, "kr_sdn_hal_table_mcast_group_set", true},
     {"group_command_1", [](arguments &a) { return kr_sdn_hal_table_mcast_group_set(1, 1, a.ports.data(), &a.group_id); },
      UNSUPPORTED, {}, "kr_sdn_hal_table_mcast_group_set", false},
     {"group_command_5", [](arguments &a) { return kr_sdn_hal_table_mcast_group_set(5, 1, a.ports.data(), &a.group_id); },
+     UNSUPPORTED, {}, "kr_sdn_hal_table_mcast_group_set", false},
+    {"group_command_of_all_bits",
+     [](arguments &a) { return kr_sdn_hal_table_mcast_group_set(UINT32_MAX, 1, a.ports.data(), &a.group_id); },
      UNSUPPORTED, {}, "kr_sdn_hal_table_mcast_group_set", false},
 
     {"group_get_without_count",
@@ -143,6 +170,9 @@ const row rows[] = {
     {"group_get_with_room_for_101",
      [](arguments &a) { a.count = 101; return kr_sdn_hal_table_mcast_group_get(a.group_id, &a.count, a.ports.data()); },
      EXCEEDS_RANGE, {"ports number value is illegal"}, "kr_sdn_hal_table_mcast_group_get", false},
+    {"group_get_of_an_unknown_group",
+     [](arguments &a) { return kr_sdn_hal_table_mcast_group_get(200, &a.count, a.ports.data()); },
+     KR_SDN_HAL_STATUS_ENTRY_NOT_FOUND, {}, "kr_sdn_hal_table_mcast_group_get", false},
     {"group_get_has_no_exit_mark",
      [](arguments &a) { a.count = 100; return kr_sdn_hal_table_mcast_group_get(a.group_id, &a.count, a.ports.data()); },
      SUCCESS, {}, "kr_sdn_hal_table_mcast_group_get", false},
@@ -172,6 +202,16 @@ const row rows[] = {
     {"activity_of_no_flows",
      [](arguments &a) { return kr_sdn_hal_table_entry_activity_get(0, a.ids.data(), 0, a.values.data()); },
      PARAM_ERROR, {"Number of Flows ID is invalid "}, "kr_sdn_hal_table_entry_activity_get", false},
+    {"activity_that_cannot_be_read",
+     [](arguments &a) {
+         (void)kr_soft_fault_set("kr_acl_rm_api_acl_rule_get", 0, 1, 0);
+         return kr_sdn_hal_table_entry_activity_get(0, a.ids.data(), 3, a.values.data());
+     },
+     ERROR,
+     {"Failed to retrieve rule activity from ACL RM rc (1) ",
+      "Failed to retrieve flow (1) activity state from HW",
+      "Failed to retrieve flows activity ", "Failed in flow activity get operation"},
+     "kr_sdn_hal_table_entry_activity_get", false},
     {"activity", [](arguments &a) { return kr_sdn_hal_table_entry_activity_get(0, a.ids.data(), 3, a.values.data()); },
      SUCCESS, {}, "kr_sdn_hal_table_entry_activity_get", true},
 
@@ -196,6 +236,15 @@ const row rows[] = {
     {"flow_statistics_of_an_unknown_flow_succeed",
      [](arguments &a) { a.ids[1] = 9; return kr_sdn_hal_table_entry_stat_get(0, a.ids.data(), 3, a.stats.data()); },
      SUCCESS, {}, "kr_sdn_hal_table_entry_stat_get", true},
+    {"flow_statistics_that_cannot_be_read",
+     [](arguments &a) {
+         (void)kr_soft_fault_set("kr_acl_rm_api_counter_get", 0, 1, 0);
+         return kr_sdn_hal_table_entry_stat_get(0, a.ids.data(), 3, a.stats.data());
+     },
+     ERROR,
+     {"Failed to get counter values. rc (1).", "Failed to get stat for flow ID (1). rc (1).",
+      "Failed in getting table (0) statistics "},
+     "kr_sdn_hal_table_entry_stat_get", false},
     {"flow_statistics",
      [](arguments &a) { return kr_sdn_hal_table_entry_stat_get(0, a.ids.data(), 3, a.stats.data()); },
      SUCCESS, {}, "kr_sdn_hal_table_entry_stat_get", true},
@@ -287,6 +336,50 @@ TEST_F(tables_api, activity_that_cannot_be_read_is_told_at_every_level) {
                                                  error("Failed in flow activity get operation")}));
     EXPECT_EQ(given.values[0], 0U);
     EXPECT_EQ(given.values[2], 0xEEEEEEEEU);
+}
+
+TEST_F(tables_api, an_edit_of_0_ports_reaches_the_hardware) {
+    watch();
+    EXPECT_EQ(kr_sdn_hal_table_mcast_group_set(3, 0, given.ports.data(), &given.group_id), SUCCESS);
+    EXPECT_EQ(kr_sdn_hal_table_mcast_group_set(4, 0, given.ports.data(), &given.group_id), SUCCESS);
+    const std::string group = std::to_string(given.group_id);
+    EXPECT_THAT(journal(),
+                ElementsAre("kr_acl_rm_api_acl_mc_group_set(cmd 9, group " + group + ", ports [], count 0) = 0",
+                            "kr_acl_rm_api_acl_mc_group_set(cmd 10, group " + group + ", ports [], count 0) = 0"));
+}
+
+TEST_F(tables_api, what_the_arguments_refuse_reaches_nothing) {
+    watch();
+    EXPECT_EQ(kr_sdn_hal_table_mcast_group_set(2, 101, nullptr, &given.group_id), EXCEEDS_RANGE);
+    EXPECT_EQ(kr_sdn_hal_table_mcast_group_set(5, 1, given.ports.data(), &given.group_id), UNSUPPORTED);
+    given.count = 101;
+    EXPECT_EQ(kr_sdn_hal_table_mcast_group_get(given.group_id, &given.count, given.ports.data()), EXCEEDS_RANGE);
+    EXPECT_EQ(kr_sdn_hal_table_entry_stat_get(0, nullptr, 0, nullptr), SUCCESS);
+    EXPECT_EQ(kr_sdn_hal_table_entry_activity_get(0, given.ids.data(), 0, given.values.data()), PARAM_ERROR);
+    EXPECT_THAT(journal(), IsEmpty());
+}
+
+// The severities and texts of the log, without the places where the trace marks stand.
+std::vector<std::string> plain_lines(const std::vector<log_line> &lines) {
+    static const std::regex place(R"(^kr_sdn_hal_api_tables\.cpp\[\d+\]- \w+: )");
+    std::vector<std::string> texts;
+    for (const log_line &line : lines) {
+        texts.push_back(std::to_string(line.severity) + " " + std::regex_replace(line.text, place, ""));
+    }
+    return texts;
+}
+
+TEST_F(tables_api, capabilities_mark_their_exit_before_the_call_also_when_it_fails) {
+    const table_ops *const whole = kr::tables::g.operations[0];
+    table_ops operations = *whole;
+    operations.capabilities_get = nullptr;
+    kr::relaxed_store(kr::tables::g.operations[0], static_cast<const table_ops *>(&operations));
+    kr_HAL_TABLES_API_verb_level = 6;
+    EXPECT_EQ(kr_sdn_hal_table_table_capabilities_get(0, &given.capabilities_out), KR_SDN_HAL_STATUS_ENTRY_NOT_FOUND);
+    EXPECT_THAT(plain_lines(log.take()),
+                ElementsAre("63 kr_sdn_hal_table_table_capabilities_get: [\n",
+                            "63 kr_sdn_hal_table_table_capabilities_get: ]\n", "1 Table (0) is unsupported\n"));
+    kr::relaxed_store(kr::tables::g.operations[0], whole);
 }
 
 TEST_F(tables_api, a_flow_edit_of_a_group_shows_in_a_read) {

@@ -2,11 +2,16 @@
  * Table 0's flows beyond the single rule: counters and their budget, activity and statistics of flows that traffic
  * hits, ports that come and go under flows, and the bookkeeping of the flows database.
  */
+#include <algorithm>
+
 #include "tests/unit/tables/tables_fixture.h"
 
 using namespace kr_test;
 
 namespace {
+
+// What the next reads of a group find, whatever the room; empty: what the platform says.
+std::vector<uint32_t> group_answer;
 
 std::vector<flow_stats> stats_of(const std::vector<uint64_t> &ids) {
     std::vector<flow_stats> stats(ids.size());
@@ -77,6 +82,67 @@ TEST_F(tables_started, a_rule_that_fails_keeps_its_counter_out_of_the_budget_for
     ASSERT_EQ(kr_soft_fault_set("kr_acl_rm_api_acl_rule_set", 0, KR_STATUS_ERROR, 0), KR_STATUS_SUCCESS);
     ASSERT_EQ(add({make_flow(1)}), KR_SDN_HAL_STATUS_ERROR);
     EXPECT_EQ(kr::tables_acl::g.flow_counters_used, 1U);
+}
+
+TEST_F(tables_started, a_failed_add_keeps_its_counter_until_the_stop) {
+    kr_HAL_TABLES_API_verb_level = 0;
+    ASSERT_EQ(kr_soft_fault_set("kr_acl_rm_api_acl_rule_set", 0, KR_STATUS_ERROR, 0), KR_STATUS_SUCCESS);
+    ASSERT_EQ(add({make_flow(1)}), KR_SDN_HAL_STATUS_ERROR);
+    ASSERT_EQ(remove({make_flow(1)}), KR_SDN_HAL_STATUS_SUCCESS); // the table does not know it
+    EXPECT_EQ(kr::tables_acl::g.flow_counters_used, 1U);
+    ASSERT_EQ(add(make_flows(2, 128)), KR_SDN_HAL_STATUS_SUCCESS);
+    EXPECT_NE(counter_of(128), 0U);
+    EXPECT_EQ(counter_of(129), 0U); // one less than there would be
+    ASSERT_EQ(tables_dependent_deinit(), KR_SDN_HAL_STATUS_SUCCESS);
+    EXPECT_EQ(kr::tables_acl::g.flow_counters_used, 0U);
+    ASSERT_EQ(tables_dependent_init(), KR_SDN_HAL_STATUS_SUCCESS);
+    ASSERT_EQ(add(make_flows(2, 128)), KR_SDN_HAL_STATUS_SUCCESS);
+    EXPECT_NE(counter_of(129), 0U);
+}
+
+TEST_F(tables_started, an_unknown_ingress_port_costs_no_counter_and_an_unknown_output_port_costs_one) {
+    kr_HAL_TABLES_API_verb_level = 0;
+    flow_record in_flow = make_flow(1);
+    in_flow.in_port = unknown_of_port;
+    in_flow.in_port_mask = 1;
+    EXPECT_EQ(add({in_flow}), KR_SDN_HAL_STATUS_ENTRY_NOT_FOUND);
+    EXPECT_EQ(kr::tables_acl::g.flow_counters_used, 0U);
+    EXPECT_EQ(usage().counter_count, 0U);
+    flow_record out_flow = make_flow(2, 100, FLOW_ACTION_OUTPUT);
+    out_flow.out_port = unknown_of_port;
+    EXPECT_EQ(add({out_flow}), KR_SDN_HAL_STATUS_ENTRY_NOT_FOUND);
+    EXPECT_EQ(kr::tables_acl::g.flow_counters_used, 1U);
+    EXPECT_EQ(usage().counter_count, 1U);
+}
+
+// The budget counts deletes, not counters: it can fall below what is in use.
+TEST_F(tables_started, a_delete_repeated_beside_counted_flows_frees_budget_a_second_time) {
+    kr_HAL_TABLES_API_verb_level = 0;
+    ASSERT_EQ(add(make_flows(1, 3)), KR_SDN_HAL_STATUS_SUCCESS);
+    ASSERT_EQ(kr_soft_fault_set("psort_entry_set", 0, KR_UTILS_STATUS_ERROR, 0), KR_STATUS_SUCCESS);
+    EXPECT_EQ(remove({make_flow(1)}), KR_SDN_HAL_STATUS_ERROR);
+    EXPECT_EQ(kr::tables_acl::g.flow_counters_used, 2U);
+    EXPECT_EQ(remove({make_flow(1)}), KR_SDN_HAL_STATUS_SUCCESS);
+    EXPECT_EQ(kr::tables_acl::g.flow_counters_used, 1U);
+    EXPECT_NE(counter_of(2), 0U);
+    EXPECT_NE(counter_of(3), 0U);
+}
+
+// Which is why a delete must not be repeated after other flows have been added.
+TEST_F(tables_started, a_repeated_delete_takes_the_rule_of_the_flow_that_was_added_in_its_place) {
+    kr_HAL_TABLES_API_verb_level = 0;
+    ASSERT_EQ(add({make_flow(1)}), KR_SDN_HAL_STATUS_SUCCESS);
+    const uint64_t place = offset_of(1);
+    EXPECT_EQ(remove({make_flow(1), make_flow(1)}), KR_SDN_HAL_STATUS_ENTRY_NOT_FOUND);
+    EXPECT_TRUE(rules().empty());
+    EXPECT_EQ(offset_of(1), place); // the table still knows it
+    ASSERT_EQ(add({make_flow(2)}), KR_SDN_HAL_STATUS_SUCCESS);
+    ASSERT_EQ(offset_of(2), place);
+    ASSERT_EQ(rules().size(), 1U);
+    EXPECT_EQ(remove({make_flow(1)}), KR_SDN_HAL_STATUS_ENTRY_NOT_FOUND);
+    EXPECT_TRUE(rules().empty());
+    EXPECT_EQ(offset_of(2), place);
+    EXPECT_EQ(flows_db_count(), 2U);
 }
 
 TEST_F(tables_started, activity_is_0_then_1_when_hit_then_0_again_and_2_for_an_unknown_flow) {
@@ -282,6 +348,44 @@ TEST_F(tables_started, a_group_of_ports_1_and_2_gets_an_id_and_reads_back) {
     EXPECT_THAT(members_of(group_id), testing::UnorderedElementsAre(1, 2));
 }
 
+TEST_F(tables_started, a_group_created_with_no_ports_is_empty) {
+    const uint32_t port = 1;
+    uint32_t group_id = 0;
+    ASSERT_EQ(tables_mcast_group_add(0, &port, &group_id), KR_SDN_HAL_STATUS_SUCCESS);
+    EXPECT_THAT(members_of(group_id), IsEmpty());
+    uint32_t count = 1;
+    uint32_t out = 5;
+    EXPECT_EQ(tables_mcast_group_get(group_id, &count, &out), KR_SDN_HAL_STATUS_SUCCESS);
+    EXPECT_EQ(count, 0U);
+    EXPECT_EQ(out, 5U);
+}
+
+TEST_F(tables_started, reading_a_group_with_too_little_room_returns_1_and_writes_no_port) {
+    const uint32_t ports[] = {1, 2, 3};
+    uint32_t group_id = 0;
+    ASSERT_EQ(tables_mcast_group_add(3, ports, &group_id), KR_SDN_HAL_STATUS_SUCCESS);
+    uint32_t count = 2;
+    uint32_t out[] = {90, 91, 92};
+    watch();
+    EXPECT_EQ(tables_mcast_group_get(group_id, &count, out), KR_SDN_HAL_STATUS_ERROR);
+    EXPECT_THAT(out, ElementsAre(90, 91, 92));
+    EXPECT_EQ(count, 3U); // what the device says
+    EXPECT_THAT(log.take(), ElementsAre(error("Failed to get mc group from ACL RM rc (6) ")));
+    count = 3;
+    EXPECT_EQ(tables_mcast_group_get(group_id, &count, out), KR_SDN_HAL_STATUS_SUCCESS);
+    EXPECT_THAT(out, testing::UnorderedElementsAre(1, 2, 3));
+}
+
+TEST_F(tables_started, a_platform_that_answers_more_members_than_room_is_cut) {
+    group_answer = {log_port_of(1), log_port_of(2), log_port_of(3), log_port_of(4)};
+    uint32_t count = 2;
+    uint32_t out[] = {90, 91, 92, 93};
+    EXPECT_EQ(tables_mcast_group_get(200, &count, out), KR_SDN_HAL_STATUS_SUCCESS);
+    group_answer.clear();
+    EXPECT_THAT(out, ElementsAre(1, 2, 92, 93));
+    EXPECT_EQ(count, 2U);
+}
+
 TEST_F(tables_started, a_group_edit_with_3_adds_with_4_removes_and_any_other_command_removes) {
     const uint32_t ports[] = {1, 2};
     uint32_t group_id = 0;
@@ -366,3 +470,25 @@ TEST_F(tables_started, more_than_100_ports_reach_no_list) {
 }
 
 } // namespace
+
+// Visible, since the linker reroutes the references of the sanitizers' shared libraries as well.
+#pragma GCC visibility push(default)
+extern "C" {
+
+kr_status __real_kr_acl_rm_api_acl_mc_group_get(kr_acl_rm_handle handle, uint32_t group_id, uint32_t *port_count,
+                                                uint32_t *log_ports);
+kr_status __wrap_kr_acl_rm_api_acl_mc_group_get(kr_acl_rm_handle handle, uint32_t group_id, uint32_t *port_count,
+                                                uint32_t *log_ports);
+
+kr_status __wrap_kr_acl_rm_api_acl_mc_group_get(kr_acl_rm_handle handle, uint32_t group_id, uint32_t *port_count,
+                                                uint32_t *log_ports) {
+    if (group_answer.empty()) {
+        return __real_kr_acl_rm_api_acl_mc_group_get(handle, group_id, port_count, log_ports);
+    }
+    std::copy(group_answer.begin(), group_answer.end(), log_ports);
+    *port_count = static_cast<uint32_t>(group_answer.size());
+    return KR_STATUS_SUCCESS;
+}
+
+} // extern "C"
+#pragma GCC visibility pop

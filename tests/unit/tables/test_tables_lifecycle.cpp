@@ -2,11 +2,16 @@
  * The life of the tables module: which calls are refused in which state, what a table that is not enabled means, and
  * what the background thread is after a restart.
  */
+#include <atomic>
+
 #include "tests/unit/tables/tables_fixture.h"
 
 using namespace kr_test;
 
 namespace {
+
+// Pools that were made, less those that were destroyed.
+std::atomic<int> pool_count{0};
 
 TEST_F(tables_unstarted, init_twice_returns_1_the_second_time) {
     ASSERT_EQ(init(), KR_SDN_HAL_STATUS_SUCCESS);
@@ -72,6 +77,23 @@ TEST_F(tables_unstarted, a_failed_dependent_init_leaves_the_module_initialized_w
     EXPECT_EQ(usage().acl_count, 1U); // left behind
     EXPECT_EQ(flows_db_count(), 0U);
     EXPECT_EQ(tables_deinit(), KR_SDN_HAL_STATUS_SUCCESS);
+}
+
+TEST_F(tables_unstarted, a_start_after_a_failed_start_loses_no_pool) {
+    ASSERT_EQ(init(), KR_SDN_HAL_STATUS_SUCCESS);
+    kr_HAL_TABLES_API_verb_level = 0;
+    const int pools = pool_count;
+    // The flows database is up already when these fail.
+    for (const char *const function : {"kr_acl_rm_api_open", "psort_init", "cl_thread_init"}) {
+        ASSERT_EQ(kr_soft_fault_set(function, 0, 1, 0), KR_STATUS_SUCCESS);
+        EXPECT_EQ(tables_dependent_init(), KR_SDN_HAL_STATUS_ERROR);
+        EXPECT_EQ(pool_count, pools + 1) << function;
+    }
+    ASSERT_EQ(tables_dependent_init(), KR_SDN_HAL_STATUS_SUCCESS);
+    EXPECT_EQ(pool_count, pools + 1);
+    ASSERT_EQ(add(make_flows(1, 1000)), KR_SDN_HAL_STATUS_SUCCESS); // the whole pool is there
+    ASSERT_EQ(tables_dependent_deinit(), KR_SDN_HAL_STATUS_SUCCESS);
+    EXPECT_EQ(pool_count, pools);
 }
 
 TEST_F(tables_unstarted, no_room_for_the_flood_group_leaves_the_flows_database_initialised) {
@@ -236,3 +258,33 @@ TEST_F(tables_started, the_operations_get_the_address_of_a_copy_of_the_count) {
 }
 
 } // namespace
+
+// Visible, since the linker reroutes the references of the sanitizers' shared libraries as well.
+#pragma GCC visibility push(default)
+extern "C" {
+
+cl_status_t __real_cl_qpool_init(cl_qpool_t *pool, size_t min_count, size_t max_count, size_t growth_size,
+                                 size_t object_size, cl_qpool_constructor constructor, cl_qpool_destructor destructor,
+                                 void *context);
+cl_status_t __wrap_cl_qpool_init(cl_qpool_t *pool, size_t min_count, size_t max_count, size_t growth_size,
+                                 size_t object_size, cl_qpool_constructor constructor, cl_qpool_destructor destructor,
+                                 void *context);
+void __real_cl_qpool_destroy(cl_qpool_t *pool);
+void __wrap_cl_qpool_destroy(cl_qpool_t *pool);
+
+cl_status_t __wrap_cl_qpool_init(cl_qpool_t *pool, size_t min_count, size_t max_count, size_t growth_size,
+                                 size_t object_size, cl_qpool_constructor constructor, cl_qpool_destructor destructor,
+                                 void *context) {
+    const cl_status_t status =
+        __real_cl_qpool_init(pool, min_count, max_count, growth_size, object_size, constructor, destructor, context);
+    pool_count += status == CL_SUCCESS ? 1 : 0;
+    return status;
+}
+
+void __wrap_cl_qpool_destroy(cl_qpool_t *pool) {
+    __real_cl_qpool_destroy(pool);
+    --pool_count;
+}
+
+} // extern "C"
+#pragma GCC visibility pop

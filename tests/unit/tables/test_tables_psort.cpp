@@ -2,11 +2,17 @@
  * pSort's notifications, and the background thread: when it calls pSort, how long it waits, and how it ends. No test
  * waits for time to pass: the thread is woken by its event, and its waits are read from the journal.
  */
+#include <atomic>
+#include <utility>
+
 #include "tests/unit/tables/tables_fixture.h"
 
 using namespace kr_test;
 
 namespace {
+
+// The wall clock of the program; 0: the real one.
+std::atomic<time_t> clock_seconds{0};
 
 kr_utils_status notify(uint32_t type, psort_notification_data data = {}, uint64_t context = 0) {
     return tables_psort_notification_handler(type, &data, reinterpret_cast<void *>(context));
@@ -46,6 +52,40 @@ TEST_F(flows_at_5_to_7, a_shift_onto_a_valid_slot_of_the_flows_database_fails_an
     acl_flows_db.slots[8].valid = 1;
     EXPECT_EQ(notify(PSORT_TABLE_SHIFT, {5, 6, 3}), KR_UTILS_STATUS_ERROR);
 }
+
+// What a shift answers, and what pSort gets: the numbering is the utilities' own.
+class a_failed_shift : public tables_started,
+                       public testing::WithParamInterface<std::pair<kr_sdn_hal_status, kr_utils_status>> {
+  protected:
+    void SetUp() override {
+        tables_started::SetUp();
+        operations = *kr::tables::g.operations[0];
+        kr::relaxed_store(kr::tables::g.operations[0], static_cast<const table_ops *>(&operations));
+        answer = GetParam().first;
+        kr_HAL_TABLES_API_verb_level = 0;
+    }
+    static kr_sdn_hal_status give_answer(uint32_t, uint32_t, uint32_t) {
+        return answer;
+    }
+    static inline kr_sdn_hal_status answer;
+    static inline table_ops operations; // until tear-down
+};
+
+TEST_P(a_failed_shift, of_the_hardware_is_converted) {
+    operations.rules_shift = give_answer;
+    EXPECT_EQ(notify(PSORT_TABLE_SHIFT, {5, 6, 3}), GetParam().second);
+}
+
+TEST_P(a_failed_shift, of_the_flows_database_is_converted) {
+    operations.flows_db_rules_shift = give_answer;
+    EXPECT_EQ(notify(PSORT_TABLE_SHIFT, {5, 6, 3}), GetParam().second);
+}
+
+INSTANTIATE_TEST_SUITE_P(statuses, a_failed_shift,
+                         testing::Values(std::pair(KR_SDN_HAL_STATUS_NOT_INITIALIZED, kr_utils_status{4}),
+                                         std::pair(KR_SDN_HAL_STATUS_ENTRY_NOT_FOUND, kr_utils_status{5}),
+                                         std::pair(KR_SDN_HAL_STATUS_ENTRY_ALREADY_EXISTS, kr_utils_status{14})),
+                         [](const auto &one) { return "status_" + std::to_string(one.param.first); });
 
 TEST_F(flows_at_5_to_7, a_shift_beyond_the_hardware_fails_and_changes_nothing) {
     EXPECT_EQ(notify(PSORT_TABLE_SHIFT, {5, 998, 3}), KR_UTILS_STATUS_ERROR);
@@ -111,6 +151,7 @@ class background_thread : public tables_unstarted {
     void TearDown() override {
         kr_soft_fault_clear();
         log_hook() = nullptr;
+        clock_seconds = 0;
         tables_unstarted::TearDown();
     }
 
@@ -193,6 +234,29 @@ TEST_F(background_thread, a_worker_with_work_left_is_called_again_after_10_ms_on
     run([](const std::string &) { stop_next(); });
     EXPECT_THAT(whole_journal(),
                 ElementsAre("cl_event_wait_on(10000000, 1) = 6", "psort_background_worker(finished=0) = 1",
+                            "cl_event_wait_on(10000, 1) = 6"));
+}
+
+TEST_F(background_thread, exactly_3_s_after_an_entry_set_the_wait_is_10_s_and_at_4_s_it_is_10_ms) {
+    clock_seconds = 1'000'000;
+    ASSERT_EQ(remove({make_flow(1)}), KR_SDN_HAL_STATUS_SUCCESS);
+    // The worker fails, and leaves its flag at 0.
+    ASSERT_EQ(kr_soft_fault_set("psort_background_worker", 0, KR_UTILS_STATUS_ERROR, 1), KR_STATUS_SUCCESS);
+    clock_seconds = 1'000'003;
+    wait_times_out();
+    static uint32_t passes = 0;
+    passes = 0;
+    run([](const std::string &) {
+        if (++passes == 1) {
+            wait_times_out();
+        } else {
+            clock_seconds = 1'000'004;
+            stop_next();
+        }
+    });
+    EXPECT_THAT(whole_journal(),
+                ElementsAre("cl_event_wait_on(10000000, 1) = 6", "psort_background_worker(finished=0) = 1",
+                            "cl_event_wait_on(10000000, 1) = 6", "psort_background_worker(finished=0) = 1",
                             "cl_event_wait_on(10000, 1) = 6"));
 }
 
@@ -282,3 +346,22 @@ TEST_F(tables_started, the_thread_is_gone_before_any_table_is_deinitialised) {
 }
 
 } // namespace
+
+// Visible, since the linker reroutes the references of the sanitizers' shared libraries as well.
+#pragma GCC visibility push(default)
+extern "C" {
+
+time_t __real_time(time_t *seconds);
+time_t __wrap_time(time_t *seconds);
+
+time_t __wrap_time(time_t *seconds) {
+    const time_t set = clock_seconds;
+    const time_t now = set != 0 ? set : __real_time(nullptr);
+    if (seconds != nullptr) {
+        *seconds = now;
+    }
+    return now;
+}
+
+} // extern "C"
+#pragma GCC visibility pop
