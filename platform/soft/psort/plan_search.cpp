@@ -20,6 +20,8 @@ constexpr double least_variance = 0.25;
 constexpr double end_margin = 0.7; // the last free slots stay this part of a gap away from the ends of the table
 
 // A plan that moves more than it should is sought again on terms that reach less far, a few times.
+constexpr int32_t least_rules = 90;   // that always may be moved
+constexpr int32_t rules_divisor = 11; // and this part of a large table
 constexpr int32_t retries = 6;
 constexpr float retry_worth = 0.3F;
 constexpr float retry_reach = 0.9F;
@@ -187,7 +189,7 @@ plan_search::terms plan_search::terms_for(const shadow &table) {
         return {2, worth, 1, any_number};
     }
     if (table.level_count() * 4 <= table.count()) {
-        return {2, worth, max_displacement, 90};
+        return {2, worth, max_displacement, std::max(least_rules, table.size() / rules_divisor)};
     }
     const float occupancy = static_cast<float>(table.count()) / static_cast<float>(table.size());
     return {5, worth * occupancy * occupancy * occupancy * occupancy, max_displacement, any_number};
