@@ -73,8 +73,8 @@ void driver::compare_usage() {
     kr_soft_usage_get(&usage);
     const kr_soft_usage expected = model_.hw.usage();
 #define SAME(field)                                                                                                    \
-    require(usage.field == expected.field,                                                                             \
-            #field " is " + std::to_string(usage.field) + ", not " + std::to_string(expected.field))
+    KR_MODEL_REQUIRE(usage.field == expected.field,                                                                    \
+                     #field " is " + std::to_string(usage.field) + ", not " + std::to_string(expected.field))
     SAME(acl_count);
     SAME(rule_count);
     SAME(counter_count);
@@ -93,8 +93,8 @@ void driver::compare_registry() KR_NO_THREAD_SAFETY_ANALYSIS {
         for (uint32_t slot = 0; slot < KR_SDN_HAL_HANDLES_PER_EVENT; slot++) {
             const int channel = model_.registry[event][slot];
             const srvc_handle *const expected = channel >= 0 ? &handles_[channel] : nullptr;
-            require(events_db.handles[event][slot] == expected,
-                    "slot " + std::to_string(slot) + " of event " + std::to_string(event) + " differs");
+            KR_MODEL_REQUIRE(events_db.handles[event][slot] == expected,
+                             "slot " + std::to_string(slot) + " of event " + std::to_string(event) + " differs");
         }
     }
 }
@@ -105,14 +105,15 @@ void driver::compare_sent_frames() {
         for (;;) {
             auto size = static_cast<uint32_t>(frame.size());
             const bool has_frame = kr_soft_port_read(log_port, frame.data(), &size, 0) == KR_STATUS_SUCCESS;
-            require(has_frame == !port.sent.empty(),
-                    "port " + std::to_string(log_port) +
-                        (has_frame ? " sent a frame too many" : " did not send a frame"));
+            KR_MODEL_REQUIRE(has_frame == !port.sent.empty(),
+                             "port " + std::to_string(log_port) +
+                                 (has_frame ? " sent a frame too many" : " did not send a frame"));
             if (!has_frame) {
                 break;
             }
-            require(std::equal(port.sent.front().begin(), port.sent.front().end(), frame.begin(), frame.begin() + size),
-                    "port " + std::to_string(log_port) + " sent another frame");
+            KR_MODEL_REQUIRE(
+                std::equal(port.sent.front().begin(), port.sent.front().end(), frame.begin(), frame.begin() + size),
+                "port " + std::to_string(log_port) + " sent another frame");
             port.sent.pop_front();
         }
     }
@@ -121,9 +122,9 @@ void driver::compare_sent_frames() {
 void driver::compare_drops() {
     for (uint32_t i = 0; i < KR_SOFT_DROP_REASON_COUNT; i++) {
         const auto reason = static_cast<kr_soft_drop_reason>(i);
-        require(kr_soft_drop_count(reason) == model_.hw.drops[i],
-                "dropped " + std::to_string(kr_soft_drop_count(reason)) + " frames, not " +
-                    std::to_string(model_.hw.drops[i]) + ": " + kr_soft_drop_reason_name(reason));
+        KR_MODEL_REQUIRE(kr_soft_drop_count(reason) == model_.hw.drops[i],
+                         "dropped " + std::to_string(kr_soft_drop_count(reason)) + " frames, not " +
+                             std::to_string(model_.hw.drops[i]) + ": " + kr_soft_drop_reason_name(reason));
     }
 }
 
@@ -132,18 +133,21 @@ void driver::compare_rules() {
     static std::vector<kr_soft_rule_state> states(KR_SOFT_MAX_RULES);
     for (const auto &[id, acl] : model_.hw.acls) {
         auto count = static_cast<uint32_t>(states.size());
-        require(kr_soft_rules_get(id, states.data(), &count) == KR_STATUS_SUCCESS, "no ACL " + std::to_string(id));
-        require(count == acl.rules.size(), "ACL " + std::to_string(id) + " has another number of rules");
+        KR_MODEL_REQUIRE(kr_soft_rules_get(id, states.data(), &count) == KR_STATUS_SUCCESS,
+                         "no ACL " + std::to_string(id));
+        KR_MODEL_REQUIRE(count == acl.rules.size(), "ACL " + std::to_string(id) + " has another number of rules");
         uint32_t i = 0;
         for (const auto &[offset, rule] : acl.rules) {
             const kr_soft_rule_state &state = states[i++];
-            const std::string where = "the rule at offset " + std::to_string(offset);
+            const auto where = [&] { return "the rule at offset " + std::to_string(offset); };
             kr_acl_rule record = rule.record;
             record.set_offset = offset;
-            require(state.rule.set_offset == offset, where + " is at " + std::to_string(state.rule.set_offset));
-            require(memcmp(&state.rule, &record, sizeof record) == 0, where + " differs");
-            require((state.activity != 0) == rule.is_active, where + " has another activity");
-            require(state.hit_packets == rule.packets && state.hit_bytes == rule.bytes, where + " has other hits");
+            KR_MODEL_REQUIRE(state.rule.set_offset == offset,
+                             where() + " is at " + std::to_string(state.rule.set_offset));
+            KR_MODEL_REQUIRE(memcmp(&state.rule, &record, sizeof record) == 0, where() + " differs");
+            KR_MODEL_REQUIRE((state.activity != 0) == rule.is_active, where() + " has another activity");
+            KR_MODEL_REQUIRE(state.hit_packets == rule.packets && state.hit_bytes == rule.bytes,
+                             where() + " has other hits");
         }
     }
 }
@@ -154,45 +158,48 @@ void driver::compare_places() {
     auto count = static_cast<uint32_t>(entries.size());
     const kr_status result = kr_soft_psort_entries_get(acl_psort_handle, entries.data(), &count);
     if (table == nullptr) {
-        require(result == KR_STATUS_INVALID_HANDLE, "there is a placement table");
+        KR_MODEL_REQUIRE(result == KR_STATUS_INVALID_HANDLE, "there is a placement table");
         return;
     }
-    require(result == KR_STATUS_SUCCESS && count == table->by_index.size(), "another number of places");
+    KR_MODEL_REQUIRE(result == KR_STATUS_SUCCESS && count == table->by_index.size(), "another number of places");
     uint32_t i = 0;
     for (const auto &[index, entry] : table->by_index) {
-        require(entries[i].index == index && entries[i].key == entry.key && entries[i].priority == entry.priority,
-                "the place at index " + std::to_string(index) + " differs");
+        KR_MODEL_REQUIRE(entries[i].index == index && entries[i].key == entry.key &&
+                             entries[i].priority == entry.priority,
+                         "the place at index " + std::to_string(index) + " differs");
         i++;
     }
 }
 
 void driver::compare_flows_db() {
-    require((acl_flows_db.initialized == 1) == model_.db.initialized, "the flows database is in another stage");
+    KR_MODEL_REQUIRE((acl_flows_db.initialized == 1) == model_.db.initialized,
+                     "the flows database is in another stage");
     if (!model_.db.initialized) {
         return;
     }
-    require(acl_flows_db.active_entries == model_.db.flows.size(), "the flows database counts otherwise");
+    KR_MODEL_REQUIRE(acl_flows_db.active_entries == model_.db.flows.size(), "the flows database counts otherwise");
     cl_map_item_t *item = cl_qmap_head(&acl_flows_db.flow_map);
     for (const auto &[id, flow] : model_.db.flows) {
-        const std::string who = "flow " + std::to_string(id);
-        require(item != cl_qmap_end(&acl_flows_db.flow_map), who + " is not in the flows database");
+        const auto who = [flow_id = id] { return "flow " + std::to_string(flow_id); };
+        KR_MODEL_REQUIRE(item != cl_qmap_end(&acl_flows_db.flow_map), who() + " is not in the flows database");
         const auto *const element = reinterpret_cast<const flows_db_element *>(reinterpret_cast<const char *>(item) -
                                                                                offsetof(flows_db_element, map_item));
         const flow_entry &entry = element->entry;
-        require(entry.flow_id == id, who + " is not in the flows database");
-        require(entry.priority == flow.priority, who + " has another priority in the flows database");
-        require(entry.offset == flow.offset, who + " has another offset in the flows database");
-        require(entry.region == flow.region, who + " has another region in the flows database");
-        require(entry.counter == flow.counter_id, who + " has another counter in the flows database");
+        KR_MODEL_REQUIRE(entry.flow_id == id, who() + " is not in the flows database");
+        KR_MODEL_REQUIRE(entry.priority == flow.priority, who() + " has another priority in the flows database");
+        KR_MODEL_REQUIRE(entry.offset == flow.offset, who() + " has another offset in the flows database");
+        KR_MODEL_REQUIRE(entry.region == flow.region, who() + " has another region in the flows database");
+        KR_MODEL_REQUIRE(entry.counter == flow.counter_id, who() + " has another counter in the flows database");
         item = cl_qmap_next(item);
     }
-    require(item == cl_qmap_end(&acl_flows_db.flow_map), "the flows database holds one more flow");
+    KR_MODEL_REQUIRE(item == cl_qmap_end(&acl_flows_db.flow_map), "the flows database holds one more flow");
+    auto slot = model_.db.slots.begin();
     for (uint32_t offset = 0; offset < table_size; offset++) {
-        const auto slot = model_.db.slots.find(offset);
-        const bool is_valid = slot != model_.db.slots.end();
-        require((acl_flows_db.slots[offset].valid != 0) == is_valid &&
-                    (!is_valid || acl_flows_db.slots[offset].flow_id == slot->second),
-                "slot " + std::to_string(offset) + " of the flows database differs");
+        const bool is_valid = slot != model_.db.slots.end() && slot->first == offset;
+        KR_MODEL_REQUIRE((acl_flows_db.slots[offset].valid != 0) == is_valid &&
+                             (!is_valid || acl_flows_db.slots[offset].flow_id == slot->second),
+                         "slot " + std::to_string(offset) + " of the flows database differs");
+        slot = is_valid ? std::next(slot) : slot;
     }
 }
 
@@ -202,7 +209,7 @@ void driver::compare_audit() {
     const auto acl = model_.hw.acls.find(model_.acl_id);
     const placement_table *const table = model_.hw.placement_of(model_.placement_handle);
     const bool is_there = model_.db.initialized && acl != model_.hw.acls.end() && table != nullptr;
-    require(report.is_complete == is_there, is_there ? "the audit found no table" : "the audit found a table");
+    KR_MODEL_REQUIRE(report.is_complete == is_there, is_there ? "the audit found no table" : "the audit found a table");
     if (!is_there) {
         return;
     }

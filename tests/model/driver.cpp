@@ -32,8 +32,8 @@ template <typename Record> std::vector<Record> untouched_records(size_t count) {
 template <typename Record>
 void same_records(const std::vector<Record> &library, const std::vector<Record> &model, const char *what) {
     for (size_t i = 0; i < library.size(); i++) {
-        require(memcmp(&library[i], &model[i], sizeof(Record)) == 0,
-                std::string(what) + " " + std::to_string(i) + " differs");
+        KR_MODEL_REQUIRE(memcmp(&library[i], &model[i], sizeof(Record)) == 0,
+                         std::string(what) + " " + std::to_string(i) + " differs");
     }
 }
 
@@ -96,7 +96,7 @@ driver::driver() : connector_(FAKE_PLUGIN_DIR "/fake_connector.so"), fpt_(FAKE_P
 
 void driver::same_status(uint32_t library, uint32_t model) {
     last_status = library;
-    require(library == model, "status " + std::to_string(library) + ", not " + std::to_string(model));
+    KR_MODEL_REQUIRE(library == model, "status " + std::to_string(library) + ", not " + std::to_string(model));
 }
 
 void driver::called() {
@@ -158,9 +158,9 @@ bool driver::run(const step &s) {
     plugins_prepare(s);
     const uint32_t faults_before = model_.hw.fault_count;
     if (!s.fault.function.empty()) {
-        require(kr_soft_fault_set(s.fault.function.c_str(), s.fault.nth, s.fault.code, s.fault.persistent) ==
-                    KR_STATUS_SUCCESS,
-                "no such contract function: " + s.fault.function);
+        KR_MODEL_REQUIRE(kr_soft_fault_set(s.fault.function.c_str(), s.fault.nth, s.fault.code, s.fault.persistent) ==
+                             KR_STATUS_SUCCESS,
+                         "no such contract function: " + s.fault.function);
         model_.hw.planned = s.fault;
     }
     if (s.what <= op::srvc_life_cycle) {
@@ -259,7 +259,7 @@ void driver::run_life_cycle(const step &s) {
     case op::capabilities_get: {
         auto read = untouched_record<capabilities>();
         same_status(kr_sdn_hal_capabilities_get(&read), KR_SDN_HAL_STATUS_SUCCESS);
-        require(memcmp(&read, &model_.stored, sizeof read) == 0, "the capabilities differ");
+        KR_MODEL_REQUIRE(memcmp(&read, &model_.stored, sizeof read) == 0, "the capabilities differ");
         break;
     }
     default: {
@@ -317,7 +317,7 @@ void driver::run_connector(const step &s) {
     if (!answered && !outcome.waits) { // it only passed by: there is nothing to wait on
         answer = connector_thread_.finish();
     } else {
-        require(answered == !outcome.waits, answered ? "the connector did not wait" : "the connector waits");
+        KR_MODEL_REQUIRE(answered == !outcome.waits, answered ? "the connector did not wait" : "the connector waits");
     }
     if (!outcome.waits) {
         same_status(answer, outcome.result);
@@ -359,7 +359,7 @@ void driver::control_frames_wait() {
     const uint32_t expected = model_.control_start_count + model_.control_frame_count;
     std::unique_lock lock(spies.mutex);
     spies.changed.wait(lock, [=] { return spies.control_wait_count >= expected; });
-    require(spies.control_wait_count == expected, "the thread of control frames received a frame too many");
+    KR_MODEL_REQUIRE(spies.control_wait_count == expected, "the thread of control frames received a frame too many");
 }
 
 /* ---- channels -------------------------------------------------------------------------------------------------- */
@@ -377,14 +377,14 @@ void driver::recv_compare(uint32_t channel) {
     const bool is_control_frame = expected.record.type == EVENT_PACKET_MISS && expected.record.reserved == 0;
     if (is_control_frame) {
         const hal_event_packet &packet = expected.record.payload.packet;
-        require(record->type == EVENT_PACKET_MISS && record->payload.packet.length == packet.length &&
-                    record->payload.packet.in_port == packet.in_port &&
-                    memcmp(record->payload.packet.data, packet.data, packet.length) == 0,
-                "a control frame differs");
+        KR_MODEL_REQUIRE(record->type == EVENT_PACKET_MISS && record->payload.packet.length == packet.length &&
+                             record->payload.packet.in_port == packet.in_port &&
+                             memcmp(record->payload.packet.data, packet.data, packet.length) == 0,
+                         "a control frame differs");
         return;
     }
-    require(memcmp(record.get(), &expected.record, sizeof *record) == 0,
-            "a record of type " + std::to_string(expected.record.type) + " differs");
+    KR_MODEL_REQUIRE(memcmp(record.get(), &expected.record, sizeof *record) == 0,
+                     "a record of type " + std::to_string(expected.record.type) + " differs");
 }
 
 void driver::run_channels(const step &s) {
@@ -423,7 +423,7 @@ void driver::run_channels(const step &s) {
         same_status(
             kr_sdn_hal_srvc_select(handles.data(), static_cast<uint32_t>(handles.size()), &no_wait, &library_mask),
             model_.select(selected, &model_mask));
-        require(library_mask == model_mask, "the ready mask differs");
+        KR_MODEL_REQUIRE(library_mask == model_mask, "the ready mask differs");
         break;
     }
     case op::recv:
@@ -443,11 +443,13 @@ void driver::run_channels(const step &s) {
         record.payload.port_update.port = s.value;
         const hal_event_record *const given = s.command == 3 ? nullptr : &record;
         const bool waited = model_.connector_waits;
-        require(!waited || connector_thread_.is_waiting(), "the connector did not wait for the acknowledgement");
+        KR_MODEL_REQUIRE(!waited || connector_thread_.is_waiting(),
+                         "the connector did not wait for the acknowledgement");
         const status result = kr_sdn_hal_srvc_event_ack(given);
         same_status(result, model_.event_ack(given));
         if (waited && !model_.connector_waits) {
-            require(connector_thread_.finish() == KR_SDN_HAL_STATUS_SUCCESS, "the port's removal failed in the end");
+            KR_MODEL_REQUIRE(connector_thread_.finish() == KR_SDN_HAL_STATUS_SUCCESS,
+                             "the port's removal failed in the end");
         }
         break;
     }
@@ -477,7 +479,7 @@ void driver::run_ports(const step &s) {
         const bool has_array = s.command != 1;
         same_status(kr_sdn_hal_port_arr_get(has_array ? ports.data() : nullptr, &count),
                     model_.port_arr_get(has_array, expected_count, &expected_ports, &expected_count));
-        require(count == expected_count, "another number of ports");
+        KR_MODEL_REQUIRE(count == expected_count, "another number of ports");
         std::vector<uint32_t> whole = untouched_records<uint32_t>(128);
         std::ranges::copy(expected_ports, whole.begin());
         same_records(ports, whole, "port");
@@ -486,7 +488,8 @@ void driver::run_ports(const step &s) {
     case op::port_capabilities: {
         uint32_t read = 0xA5A5A5A5;
         same_status(kr_sdn_hal_port_capabilities_get(s.value, &read), model_.port_capabilities_get(s.value));
-        require(read == (last_status == KR_SDN_HAL_STATUS_SUCCESS ? 0 : 0xA5A5A5A5), "the port's capabilities differ");
+        KR_MODEL_REQUIRE(read == (last_status == KR_SDN_HAL_STATUS_SUCCESS ? 0 : 0xA5A5A5A5),
+                         "the port's capabilities differ");
         break;
     }
     default:
@@ -504,19 +507,19 @@ void driver::run_port_operation(const step &s) {
         const status expected = in_range ? model_.port_operation() : KR_SDN_HAL_STATUS_PARAM_EXCEEDS_RANGE;
         same_status(result, expected);
         const bool reached = in_range && model_.fpt_initialized;
-        require(fpt_->port == (reached ? port : ~port),
-                reached ? "another port reached the plug-in" : "the plug-in was asked");
+        KR_MODEL_REQUIRE(fpt_->port == (reached ? port : ~port),
+                         reached ? "another port reached the plug-in" : "the plug-in was asked");
         return reached;
     };
     const auto set = [&](status result, bool in_range, auto &stored, auto wanted) {
         if (expect(result, in_range)) {
-            require(memcmp(&stored, &wanted, sizeof stored) == 0, "another value reached the plug-in");
+            KR_MODEL_REQUIRE(memcmp(&stored, &wanted, sizeof stored) == 0, "another value reached the plug-in");
         }
     };
     const auto get = [&](status result, const auto &read, const auto &given) {
         const auto otherwise = untouched_record<std::decay_t<decltype(read)>>();
         const void *const wanted = expect(result, true) ? static_cast<const void *>(&given) : &otherwise;
-        require(memcmp(&read, wanted, sizeof read) == 0, "another value came from the plug-in");
+        KR_MODEL_REQUIRE(memcmp(&read, wanted, sizeof read) == 0, "another value came from the plug-in");
     };
     switch (s.command) {
     case 0:
@@ -541,9 +544,9 @@ void driver::run_port_operation(const step &s) {
         const bool reached = expect(result, true);
         const bool second = reached && wants_oper && (!wants_admin || s.answer == 0);
         const auto none = untouched_record<int32_t>();
-        require(admin == (reached && wants_admin ? static_cast<int32_t>(fpt_->admin_state) : none),
-                "the admin state differs");
-        require(oper == (second ? static_cast<int32_t>(fpt_->oper_state) : none), "the oper state differs");
+        KR_MODEL_REQUIRE(admin == (reached && wants_admin ? static_cast<int32_t>(fpt_->admin_state) : none),
+                         "the admin state differs");
+        KR_MODEL_REQUIRE(oper == (second ? static_cast<int32_t>(fpt_->oper_state) : none), "the oper state differs");
         break;
     }
     case 5:
@@ -575,7 +578,7 @@ void driver::run_port_operation(const step &s) {
         auto oper = untouched_record<uint32_t>();
         get(kr_sdn_hal_port_speed_get(port, &admin, &oper), admin, fpt_->admin_speed);
         const bool second = last_status == KR_SDN_HAL_STATUS_SUCCESS;
-        require(oper == (second ? s.count : untouched_record<uint32_t>()), "the oper speed differs");
+        KR_MODEL_REQUIRE(oper == (second ? s.count : untouched_record<uint32_t>()), "the oper speed differs");
         break;
     }
     case 10: {
@@ -590,7 +593,7 @@ void driver::run_port_operation(const step &s) {
     case 12: {
         auto read = untouched_record<uint32_t>();
         same_status(kr_sdn_hal_port_flood_mode_get(port, &read), KR_SDN_HAL_STATUS_SUCCESS);
-        require(read == untouched_record<uint32_t>(), "the flood mode was written");
+        KR_MODEL_REQUIRE(read == untouched_record<uint32_t>(), "the flood mode was written");
         break;
     }
     case 13: {
@@ -657,7 +660,7 @@ void driver::run_flows(const step &s) {
         }();
         same_status(kr_sdn_hal_table_entry_get(s.value, s.command, ids.data(), &room, flows.data()),
                     model_.entry_get(s.value, s.command, s.ids, std::span(expected).first(count)));
-        require(room == count, "the count was written");
+        KR_MODEL_REQUIRE(room == count, "the count was written");
         same_records(flows, expected, "flow");
         break;
     }
@@ -686,10 +689,10 @@ void driver::run_flows(const step &s) {
         auto stats = untouched_record<table_stats>();
         table_stats expected_stats = stats;
         same_status(kr_sdn_hal_table_table_stat_get(s.value, &stats), model_.table_stat_get(s.value, &expected_stats));
-        require(memcmp(&stats, &expected_stats, sizeof stats) == 0, "the table's statistics differ");
+        KR_MODEL_REQUIRE(memcmp(&stats, &expected_stats, sizeof stats) == 0, "the table's statistics differ");
         uint32_t table_count = 0;
         same_status(kr_sdn_hal_table_capabilities_get(&table_count), KR_SDN_HAL_STATUS_SUCCESS);
-        require(table_count == 1, "the number of tables differs");
+        KR_MODEL_REQUIRE(table_count == 1, "the number of tables differs");
         auto record = untouched_record<table_capabilities>();
         same_status(kr_sdn_hal_table_table_capabilities_get(s.value, &record), model_.table_capabilities_get(s.value));
         const table_capabilities wanted = {.name = "12 tuple ACL",
@@ -701,8 +704,8 @@ void driver::run_flows(const step &s) {
                                            .match = 0xC1FFFB,
                                            .wildcards = 0xC1FFDB,
                                            .apply_setfields = 0xC0};
-        require(last_status != KR_SDN_HAL_STATUS_SUCCESS || memcmp(&record, &wanted, sizeof record) == 0,
-                "the table's capabilities differ");
+        KR_MODEL_REQUIRE(last_status != KR_SDN_HAL_STATUS_SUCCESS || memcmp(&record, &wanted, sizeof record) == 0,
+                         "the table's capabilities differ");
         break;
     }
     }
@@ -724,7 +727,7 @@ void driver::run_groups(const step &s) {
         uint32_t expected_count = s.count;
         same_status(kr_sdn_hal_table_mcast_group_get(library_id, &count, members.data()),
                     model_.group_get(model_id, &expected_count, &expected_members));
-        require(count == expected_count, "another number of members");
+        KR_MODEL_REQUIRE(count == expected_count, "another number of members");
         std::vector<uint32_t> whole = untouched_records<uint32_t>(128);
         std::ranges::copy(expected_members, whole.begin());
         same_records(members, whole, "member");
@@ -739,7 +742,7 @@ void driver::run_groups(const step &s) {
         kr_sdn_hal_table_mcast_group_set(command, static_cast<uint32_t>(of_ports.size()), of_ports.data(), &library_id);
     called();
     same_status(result, model_.group_set(command, of_ports, &model_id));
-    require(library_id == model_id, "another group id");
+    KR_MODEL_REQUIRE(library_id == model_id, "another group id");
     if (s.what == op::group_create && s.target < group_slot_count) {
         group_ids_[s.target] = library_id;
     }

@@ -10,26 +10,26 @@
 namespace kr_model {
 
 seen_placement platform_answers::take_placement(uint32_t command) {
-    require(!placements.empty(), "the library did not call the placement library");
+    KR_MODEL_REQUIRE(!placements.empty(), "the library did not call the placement library");
     seen_placement seen = placements.front();
     placements.pop_front();
-    require(seen.command == command, "the library called the placement library with command " +
-                                         std::to_string(seen.command) + ", not " + std::to_string(command));
+    KR_MODEL_REQUIRE(seen.command == command, "the library called the placement library with command " +
+                                                  std::to_string(seen.command) + ", not " + std::to_string(command));
     return seen;
 }
 
 uint32_t platform_answers::take_id(std::deque<uint32_t> &ids, const char *what) {
-    require(!ids.empty(), std::string("the library did not make ") + what);
+    KR_MODEL_REQUIRE(!ids.empty(), std::string("the library did not make ") + what);
     const uint32_t id = ids.front();
     ids.pop_front();
     return id;
 }
 
 void platform_answers::require_empty() const {
-    require(placements.empty(), "the library called the placement library once more");
-    require(counter_ids.empty(), "the library made another counter");
-    require(acl_ids.empty(), "the library made another ACL");
-    require(group_ids.empty(), "the library made another group");
+    KR_MODEL_REQUIRE(placements.empty(), "the library called the placement library once more");
+    KR_MODEL_REQUIRE(counter_ids.empty(), "the library made another counter");
+    KR_MODEL_REQUIRE(acl_ids.empty(), "the library made another ACL");
+    KR_MODEL_REQUIRE(group_ids.empty(), "the library made another group");
 }
 
 std::optional<uint32_t> switch_model::fault_due(const char *function) {
@@ -195,7 +195,7 @@ kr_status switch_model::acl_create(uint32_t handle, uint32_t *acl_id) {
         return KR_STATUS_NO_RESOURCES;
     }
     *acl_id = platform_answers::take_id(answers.acl_ids, "an ACL");
-    require(*acl_id != 0 && !acls.contains(*acl_id), "an ACL id that is in use");
+    KR_MODEL_REQUIRE(*acl_id != 0 && !acls.contains(*acl_id), "an ACL id that is in use");
     acls[*acl_id] = {};
     return KR_STATUS_SUCCESS;
 }
@@ -320,7 +320,7 @@ kr_status switch_model::counter_create(uint32_t handle, uint32_t *counter_id) {
         return KR_STATUS_NO_RESOURCES;
     }
     *counter_id = platform_answers::take_id(answers.counter_ids, "a counter");
-    require(*counter_id != 0 && !counters.contains(*counter_id), "a counter id that is in use");
+    KR_MODEL_REQUIRE(*counter_id != 0 && !counters.contains(*counter_id), "a counter id that is in use");
     counters[*counter_id] = {};
     return KR_STATUS_SUCCESS;
 }
@@ -352,7 +352,7 @@ kr_status switch_model::group_create(uint32_t handle, const std::vector<uint32_t
         return KR_STATUS_NO_RESOURCES;
     }
     *group_id = platform_answers::take_id(answers.group_ids, "a group");
-    require(*group_id != 0 && !groups.contains(*group_id), "a group id that is in use");
+    KR_MODEL_REQUIRE(*group_id != 0 && !groups.contains(*group_id), "a group id that is in use");
     members_append(&groups[*group_id], log_ports);
     return KR_STATUS_SUCCESS;
 }
@@ -420,7 +420,8 @@ kr_utils_status switch_model::psort_clear(uint32_t handle) {
 
 kr_utils_status switch_model::psort_delete(uint32_t handle, uint64_t key) {
     const seen_placement seen = answers.take_placement(PSORT_CMD_DELETE);
-    require(seen.key == key && seen.shifts.empty(), "another flow was removed from its place, or one was shifted");
+    KR_MODEL_REQUIRE(seen.key == key && seen.shifts.empty(),
+                     "another flow was removed from its place, or one was shifted");
     const auto answer = [&]() -> kr_utils_status {
         KR_MODEL_CALL(psort_entry_set);
         placement_table *const table = placement_of(handle);
@@ -435,8 +436,8 @@ kr_utils_status switch_model::psort_delete(uint32_t handle, uint64_t key) {
         table->index_of.erase(found);
         return KR_UTILS_STATUS_SUCCESS;
     }();
-    require(seen.status == answer, "the placement library answered " + std::to_string(seen.status) +
-                                       " to a delete, not " + std::to_string(answer));
+    KR_MODEL_REQUIRE(seen.status == answer, "the placement library answered " + std::to_string(seen.status) +
+                                                " to a delete, not " + std::to_string(answer));
     return answer;
 }
 

@@ -31,11 +31,13 @@ struct mismatch : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-inline void require(bool holds, const std::string &what) {
-    if (!holds) {
-        throw mismatch(what);
-    }
-}
+// Throws unless `holds`. The text is made only then: this stands in front of every rule that is compared.
+#define KR_MODEL_REQUIRE(holds, what)                                                                                  \
+    do {                                                                                                               \
+        if (!(holds)) {                                                                                                \
+            throw kr_model::mismatch(what);                                                                            \
+        }                                                                                                              \
+    } while (0)
 
 /* ---- faults ---------------------------------------------------------------------------------------------------- */
 
@@ -216,17 +218,19 @@ template <typename Shift>
 kr_utils_status switch_model::shifts_follow(placement_table &table, const seen_placement &seen, Shift shift) {
     kr_utils_status status = KR_UTILS_STATUS_SUCCESS;
     for (const seen_shift &move : seen.shifts) {
-        require(status == KR_UTILS_STATUS_SUCCESS, "the placement library went on after a shift that was refused");
-        require(move.old_index + move.size <= KR_SOFT_MAX_RULES && move.new_index + move.size <= KR_SOFT_MAX_RULES,
-                "a shift leaves the table");
+        KR_MODEL_REQUIRE(status == KR_UTILS_STATUS_SUCCESS,
+                         "the placement library went on after a shift that was refused");
+        KR_MODEL_REQUIRE(move.old_index + move.size <= KR_SOFT_MAX_RULES &&
+                             move.new_index + move.size <= KR_SOFT_MAX_RULES,
+                         "a shift leaves the table");
         for (uint32_t i = 0; i < move.size; i++) {
             const uint32_t target = move.new_index + i;
             const bool in_source = target >= move.old_index && target < move.old_index + move.size;
-            require(in_source || !table.by_index.contains(target), "a shift lands on a live entry");
+            KR_MODEL_REQUIRE(in_source || !table.by_index.contains(target), "a shift lands on a live entry");
         }
         status = shift(move.old_index, move.new_index, move.size);
-        require(status == move.answer,
-                "a shift was answered with " + std::to_string(move.answer) + ", not " + std::to_string(status));
+        KR_MODEL_REQUIRE(status == move.answer, "a shift was answered with " + std::to_string(move.answer) + ", not " +
+                                                    std::to_string(status));
         if (status != KR_UTILS_STATUS_SUCCESS) {
             continue;
         }
@@ -248,11 +252,11 @@ kr_utils_status switch_model::shifts_follow(placement_table &table, const seen_p
 template <typename Shift>
 kr_utils_status switch_model::psort_add(uint32_t handle, uint64_t key, uint32_t priority, Shift shift) {
     const seen_placement seen = answers.take_placement(PSORT_CMD_ADD);
-    require(seen.key == key && seen.priority == priority, "a place was asked for another flow or priority");
+    KR_MODEL_REQUIRE(seen.key == key && seen.priority == priority, "a place was asked for another flow or priority");
     const auto refused = [&](kr_utils_status status) {
-        require(seen.shifts.empty(), "shifts for an entry that was refused");
-        require(seen.status == status,
-                "the placement library answered " + std::to_string(seen.status) + ", not " + std::to_string(status));
+        KR_MODEL_REQUIRE(seen.shifts.empty(), "shifts for an entry that was refused");
+        KR_MODEL_REQUIRE(seen.status == status, "the placement library answered " + std::to_string(seen.status) +
+                                                    ", not " + std::to_string(status));
         return status;
     };
     if (const auto code = fault_due("psort_entry_set")) {
@@ -272,17 +276,18 @@ kr_utils_status switch_model::psort_add(uint32_t handle, uint64_t key, uint32_t 
         return refused(KR_UTILS_STATUS_NO_RESOURCES);
     }
     const kr_utils_status shifted = shifts_follow(*table, seen, shift);
-    require(seen.status == shifted, "the placement library did not hand on what a shift was answered");
+    KR_MODEL_REQUIRE(seen.status == shifted, "the placement library did not hand on what a shift was answered");
     if (shifted != KR_UTILS_STATUS_SUCCESS) {
         return shifted;
     }
     // Any free index will do that keeps a higher priority from lying behind a lower one.
-    require(seen.index < KR_SOFT_MAX_RULES && !table->by_index.contains(seen.index), "a place that is not free");
+    KR_MODEL_REQUIRE(seen.index < KR_SOFT_MAX_RULES && !table->by_index.contains(seen.index),
+                     "a place that is not free");
     const auto behind = table->by_index.lower_bound(seen.index);
-    require(behind == table->by_index.end() || behind->second.priority <= priority,
-            "flow " + std::to_string(key) + " lies before one of a higher priority");
-    require(behind == table->by_index.begin() || std::prev(behind)->second.priority >= priority,
-            "flow " + std::to_string(key) + " lies behind one of a lower priority");
+    KR_MODEL_REQUIRE(behind == table->by_index.end() || behind->second.priority <= priority,
+                     "flow " + std::to_string(key) + " lies before one of a higher priority");
+    KR_MODEL_REQUIRE(behind == table->by_index.begin() || std::prev(behind)->second.priority >= priority,
+                     "flow " + std::to_string(key) + " lies behind one of a lower priority");
     table->by_index[seen.index] = {key, priority};
     table->index_of[key] = seen.index;
     return KR_UTILS_STATUS_SUCCESS;
@@ -291,16 +296,17 @@ kr_utils_status switch_model::psort_add(uint32_t handle, uint64_t key, uint32_t 
 template <typename Shift> void switch_model::psort_work(uint32_t handle, Shift shift) {
     const seen_placement seen = answers.take_placement(placement_worker);
     if (fault_due("psort_background_worker")) {
-        require(seen.shifts.empty(), "shifts in a call that failed");
+        KR_MODEL_REQUIRE(seen.shifts.empty(), "shifts in a call that failed");
         return;
     }
     placement_table *const table = placement_of(handle);
     if (table == nullptr) {
-        require(seen.status == KR_UTILS_STATUS_INVALID_HANDLE, "the placement library worked on no table");
+        KR_MODEL_REQUIRE(seen.status == KR_UTILS_STATUS_INVALID_HANDLE, "the placement library worked on no table");
         return;
     }
-    require(seen.shifts.size() <= 1, "more than one shift in one step");
-    require(seen.status == shifts_follow(*table, seen, shift), "a step did not hand on what a shift was answered");
+    KR_MODEL_REQUIRE(seen.shifts.size() <= 1, "more than one shift in one step");
+    KR_MODEL_REQUIRE(seen.status == shifts_follow(*table, seen, shift),
+                     "a step did not hand on what a shift was answered");
 }
 
 } // namespace kr_model
