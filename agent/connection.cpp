@@ -3,6 +3,7 @@
  */
 #include "connection.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -77,52 +78,54 @@ void connection::ready(bool can_read, bool can_write) {
 
 /* ---- receiving ------------------------------------------------------------------------------------------------- */
 
-// Reads what is there, as much as one turn may take: flow-mods that arrive together are written together.
+// Reads what is there, as much as one turn may take, and hands it over piece by piece: a sender of many messages goes
+// on sending meanwhile, so that flow-mods which were sent together are written together. Pieces lie behind each other,
+// and stay where they are until the turn ends.
 void connection::receive() {
-    size_t size = 0;
-    io_result result{io_state::done, 0};
     if (is_held() || is_ending_) {
         return;
     }
+    std::copy(input_.begin(), input_.end(), arrival.begin()); // the start of a message
+    size_t size = input_.size();
+    size_t used = 0;
+    io_result result{io_state::done, 0};
+    is_handling_ = true;
     do {
         result = stream_->read(std::span(arrival).subspan(size));
         size += result.size;
-    } while (result.state == io_state::done && size < arrival.size() &&
+        counts_.bytes_received += result.size;
+        used += hand_over(of10::byte_view(arrival).subspan(used, size - used));
+    } while (result.state == io_state::done && size < arrival.size() && !is_closed_ && !is_ending_ && !is_held() &&
              (result.size >= large_read || stream_->has_pending()));
     read_waits_ = result.state == io_state::wait_write ? io_state::wait_write : io_state::wait_read;
-    if (size > 0) {
-        counts_.bytes_received += size;
+    if (size > input_.size()) {
         heard_ = clock_now();
         has_asked_ = false;
-        handle({arrival.data(), size});
+        end_turn();
+        input_.assign(arrival.begin() + static_cast<ptrdiff_t>(used), arrival.begin() + static_cast<ptrdiff_t>(size));
     }
+    is_handling_ = false;
+    send();
     if (result.state == io_state::closed || result.state == io_state::failed) {
         close(result.state == io_state::closed ? "closed by the peer" : stream_->text());
-        return;
-    }
-    if (stream_->has_pending()) {
+    } else if (!is_closed_ && stream_->has_pending()) {
         resume_.start(0);
+        update_interest();
     }
-    update_interest();
 }
 
-// Hands over all whole messages in `received`, or in what was kept before and `received`; keeps the rest.
-void connection::handle(of10::byte_view received) {
-    is_handling_ = true;
-    const bool has_kept = !input_.empty();
-    if (has_kept) {
-        input_.insert(input_.end(), received.begin(), received.end());
-    }
-    const of10::byte_view all = has_kept ? of10::byte_view(input_) : received;
-    const size_t used = hand_over(all);
+void connection::end_turn() {
     if (!is_closed_) {
         handler_.connection_turn_end(*this);
     }
-    if (has_kept) {
-        input_.erase(input_.begin(), input_.begin() + static_cast<ptrdiff_t>(used));
-    } else {
-        input_.assign(all.begin() + static_cast<ptrdiff_t>(used), all.end());
-    }
+}
+
+// Hands over what was held back.
+void connection::handle_input() {
+    is_handling_ = true;
+    const size_t used = hand_over(input_);
+    end_turn();
+    input_.erase(input_.begin(), input_.begin() + static_cast<ptrdiff_t>(used));
     is_handling_ = false;
     send();
 }
@@ -134,7 +137,7 @@ void connection::handle_kept() {
     }
     const size_t kept = of10::message_size(input_);
     if (kept != 0 && kept <= input_.size()) {
-        handle({});
+        handle_input();
     } else {
         receive();
     }

@@ -87,7 +87,8 @@ class connection {
     void ready(bool can_read, bool can_write);
     void shake_hands();
     void receive();
-    void handle(of10::byte_view received);
+    void end_turn();
+    void handle_input();
     void handle_kept();
     size_t hand_over(of10::byte_view received);
     bool is_held() const {
