@@ -62,7 +62,7 @@ class AgentTest(unittest.TestCase):
         self.switch.cables[port].send(data)
 
     def arrives(self, port, data):
-        self.assertEqual(self.switch.cables[port].receive(), data)
+        self.assertEqual(self.switch.cables[port].receive(), data, f"port {port}\n" + self.switch.log_text()[-1000:])
 
     def config_becomes(self, number, config):
         while True:
