@@ -96,11 +96,11 @@ class Sockets(WithSwitch):
         os.rmdir(folder)
 
     def test_a_silent_controller_is_given_up_and_one_that_answers_is_not(self):
-        self.run_switch("--probe-interval", "0.2")
+        self.run_switch("--probe-interval", "1")
         silent = self.switch.controller()
         alive = self.switch.controller()
         thread = threading.Thread(target=lambda: self.assertRaises(TimeoutError, alive.wait, of.BARRIER_REPLY))
-        alive.timeout = 2
+        alive.timeout = 5
         thread.start()  # answers echo requests while it waits for what does not come
         select.select([silent.socket], [], [], 10)
         self.assertEqual(silent.socket.recv(8)[1], of.ECHO_REQUEST)

@@ -134,6 +134,16 @@ class Switch:
                 pass
         raise AssertionError(f"no frame gets through port {port}")
 
+    def wait_for_way(self, sender, receiver):
+        """The same where a flow forwards."""
+        for _ in range(100):
+            self.cables[sender].send(b"\2" * 12 + b"\xaa\xaa" + b"\0" * 46)
+            if self.cables[receiver].receive(0.2) is not None:
+                break
+        for cable in self.cables.values():
+            while cable.receive(0.2) is not None:
+                pass
+
     def controller(self, greet=True, timeout=20):
         connected = socket.socket(socket.AF_UNIX)
         connected.connect(self.path)
