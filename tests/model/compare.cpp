@@ -139,7 +139,7 @@ void driver::compare_rules() {
         uint32_t i = 0;
         for (const auto &[offset, rule] : acl.rules) {
             const kr_soft_rule_state &state = states[i++];
-            const auto where = [&] { return "the rule at offset " + std::to_string(offset); };
+            const auto where = [at = offset] { return "the rule at offset " + std::to_string(at); };
             kr_acl_rule record = rule.record;
             record.set_offset = offset;
             KR_MODEL_REQUIRE(state.rule.set_offset == offset,
