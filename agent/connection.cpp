@@ -11,8 +11,8 @@ namespace agent {
 namespace {
 
 constexpr size_t arrival_size = 256 * 1024;
-constexpr size_t large_read = 16 * 1024;     // after one of these, more is likely to be there
-constexpr size_t kept_capacity = 512 * 1024; // of a queue that was larger once
+constexpr size_t large_read = 16 * 1024;    // after one of these, more is likely to be there
+constexpr size_t kept_capacity = 64 * 1024; // of a queue that was larger once
 
 // Where bytes arrive before they are cut into messages; one is enough, because the loop has one thread.
 alignas(64) std::array<uint8_t, arrival_size> arrival;

@@ -224,7 +224,10 @@ int main_of(int argument_count, char **arguments) {
         return 0;
     }
     log_level_set(given.verbosity);
-    mallopt(M_ARENA_MAX, 2); // the library's threads allocate little; an arena for each would be waste
+    // Small: the threads of the library allocate little, and what a large reply has taken goes back.
+    mallopt(M_ARENA_MAX, 2);
+    mallopt(M_MMAP_THRESHOLD, 64 * 1024);
+    mallopt(M_TRIM_THRESHOLD, 64 * 1024);
     daemon_process self(std::move(given));
     return self.run();
 }
