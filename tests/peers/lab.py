@@ -22,6 +22,8 @@ CONTROLLER_PORT = 6653  # free in a network namespace that is new
 SKIPPED = 77
 HERE = os.path.dirname(os.path.abspath(__file__))
 TOP = os.path.dirname(os.path.dirname(HERE))
+LEARNING_SWITCH = ("osken-manager", "--ofp-listen-host", "127.0.0.1", "--ofp-tcp-listen-port", str(CONTROLLER_PORT),
+                   os.path.join(HERE, "learning_switch_app.py"))
 
 
 def skip(reason):

@@ -16,9 +16,8 @@ build, capture_path = (os.path.abspath(path) for path in sys.argv[1:3])
 hosts = [lab.Host(i) for i in range(1, 5)]
 capture = lab.Capture(capture_path)
 agent = lab.Agent(build, hosts, f"tcp:127.0.0.1:{lab.CONTROLLER_PORT}")  # it keeps trying until there is a controller
-controller = lab.Process("os-ken", "osken-manager", "--ofp-listen-host", "127.0.0.1", "--ofp-tcp-listen-port",
-                         str(lab.CONTROLLER_PORT), os.path.join(lab.HERE, "learning_switch_app.py"),
-                         env=dict(os.environ, PYTHONDONTWRITEBYTECODE="1"))
+environment = dict(os.environ, PYTHONDONTWRITEBYTECODE="1")
+controller = lab.Process("os-ken", *lab.LEARNING_SWITCH, env=environment)
 controller.wait_for("switch 00000000000000a1 with 4 ports")
 
 lab.everybody_pings_everybody(hosts)
@@ -34,7 +33,7 @@ assert 0 < count <= bound, (count, bound, controller.log())
 # The controller goes: flows stay. It comes back: the agent finds it.
 controller.stop()
 lab.everybody_pings_everybody(hosts)
-controller = lab.Process("os-ken-again", *controller.process.args, env=dict(os.environ, PYTHONDONTWRITEBYTECODE="1"))
+controller = lab.Process("os-ken-again", *lab.LEARNING_SWITCH, env=environment)
 controller.wait_for("switch 00000000000000a1 with 4 ports")
 lab.run("ip", "-n", hosts[0].name, "link", "set", "eth0", "down")
 controller.wait_for(f"port {lab.PORT_BASE + 1} is down")
