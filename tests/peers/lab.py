@@ -43,9 +43,11 @@ def need(**packages):
 # ---- namespaces ------------------------------------------------------------------------------------------------------
 
 
-def enter_namespaces():
+def enter_namespaces(own_tmp=False):
     if os.environ.get(INSIDE):
         _furnish()
+        if own_tmp:
+            _change_tmp()
         return
     spaces = ["--net", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc"]
     for start in (["unshare", *spaces], ["unshare", "--user", "--map-root-user", *spaces]):
@@ -57,21 +59,26 @@ def enter_namespaces():
 
 def _furnish():
     run("mount", "-t", "tmpfs", "tmpfs", "/run")
-    for folder in ("/run/netns", "/run/tmp", "/run/openvswitch", FOLDER):
+    for folder in ("/run/netns", "/run/openvswitch", FOLDER):
         os.mkdir(folder)
-    # A /tmp of its own too, in which a build that lies in the other one still is where it was.
-    run("mount", "--bind", "/tmp", "/run/tmp")
-    run("mount", "-t", "tmpfs", "-o", "mode=1777", "tmpfs", "/tmp")
-    for folder in {TOP, os.getcwd(), *(os.path.abspath(word) for word in sys.argv[1:] if os.path.isdir(word))}:
-        if not os.path.exists(folder):
-            os.makedirs(folder)
-            run("mount", "--bind", f"/run{folder}", folder)
     # Settings of the whole machine are out of reach; those of the network are the namespace's own.
     for folder in ("/proc/sys/fs", "/proc/sys/kernel"):
         run("mount", "--bind", folder, folder)
         run("mount", "-o", "remount,bind,ro", folder)
     quiet_ipv6()
     run("ip", "link", "set", "lo", "up")
+
+
+def _change_tmp():
+    """A /tmp of the test's own, in which a tree or a build that lies in the other one still is where it was."""
+    folders = {TOP, *(os.path.abspath(word) for word in sys.argv[1:] if os.path.isdir(word))}
+    os.mkdir("/run/tmp")
+    run("mount", "--bind", "/tmp", "/run/tmp")
+    run("mount", "-t", "tmpfs", "-o", "mode=1777", "tmpfs", "/tmp")
+    for folder in folders:
+        if not os.path.exists(folder):
+            os.makedirs(folder)
+            run("mount", "--bind", f"/run{folder}", folder)
 
 
 def quiet_ipv6(namespace=None):
@@ -227,9 +234,18 @@ class Capture(Process):
         os.makedirs(os.path.dirname(path), exist_ok=True)
         self.partial = path + ".partial"
         self.path = path
-        super().__init__("tcpdump", "tcpdump", "-i", "lo", "-s", "0", "-B", "32768", "-U",
-                         "-Z", "root", "-w", self.partial, "tcp or udp")
-        self.wait_for("listening on lo")
+        with open("/proc/self/setgroups", encoding="ascii") as file:
+            may_change_groups = file.read().strip() == "allow"
+        if may_change_groups:
+            self.ready, self.nothing_lost = "listening on lo", "\n0 packets dropped by kernel"
+            super().__init__("tcpdump", "tcpdump", "-i", "lo", "-s", "0", "-B", "32768", "-U", "-Z", "root",
+                             "-w", self.partial, "tcp or udp")
+        else:  # tcpdump insists on that, also as the root of a user namespace
+            need(dumpcap="wireshark-common")
+            self.ready, self.nothing_lost = "File: ", "(pcap:0/"
+            super().__init__("dumpcap", "dumpcap", "-i", "lo", "-s", "0", "-B", "32", "-P", "-f", "tcp or udp",
+                             "-w", self.partial)
+        self.wait_for(self.ready)
 
     def finish(self):
         """Ends it behind the last frame, which is one that everybody recognises."""
@@ -243,5 +259,5 @@ class Capture(Process):
                 return mark in file.read()
         wait_until(seen, "the capture comes to its end")
         status = self.stop()
-        assert status == 0 and "\n0 packets dropped by kernel" in self.log(), (status, self.log())
+        assert status == 0 and self.nothing_lost in self.log(), (status, self.log())
         os.replace(self.partial, self.path)

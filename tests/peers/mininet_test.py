@@ -15,7 +15,7 @@ import lab
 lab.need(mn="mininet", mnexec="mininet", ovs_testcontroller="openvswitch-testcontroller", ovs_ofctl="openvswitch-common",
          ip="iproute2", ping="iputils-ping", ifconfig="net-tools")
 # Mininet's clean-up kills by name and deletes what lies in /tmp: here it meets nothing but the test's own.
-lab.enter_namespaces()
+lab.enter_namespaces(own_tmp=True)
 build = os.path.abspath(sys.argv[1])
 switch_count = int(sys.argv[2]) if len(sys.argv) > 2 else 0
 lab.PATIENCE += 4 * switch_count  # here everything takes so much longer
