@@ -75,7 +75,7 @@ def _change_tmp():
     os.mkdir("/run/tmp")
     run("mount", "--bind", "/tmp", "/run/tmp")
     run("mount", "-t", "tmpfs", "-o", "mode=1777", "tmpfs", "/tmp")
-    for folder in folders:
+    for folder in sorted(folders):  # what holds others first
         if not os.path.exists(folder):
             os.makedirs(folder)
             run("mount", "--bind", f"/run{folder}", folder)
