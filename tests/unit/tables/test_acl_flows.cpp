@@ -231,6 +231,7 @@ TEST_F(tables_started, deleting_a_flow_that_the_database_lost_says_so) {
     wrapped_flow wrapped{&flow, 0, 0, 0, 1};
     watch();
     kr_FLOWS_DB_verb_level = 0;
+    const kr::plock_exclusive lock(kr::tables::g.table_locks[0]);
     EXPECT_EQ(__tables_flows_db_set(TABLES_CMD_DELETE, 0, 1, &wrapped), KR_SDN_HAL_STATUS_ENTRY_NOT_FOUND);
     EXPECT_THAT(log.take(), ElementsAre(notice("Failed to delete flow from DB"),
                                         notice("Failed to set flow ID [1] from table[0] DB")));
