@@ -44,7 +44,7 @@ endif()
 
 option(KR_COVERAGE "Count lines and branches" OFF)
 if(KR_COVERAGE)
-  add_compile_options(--coverage -O0)
+  add_compile_options(--coverage -O0 -fprofile-update=atomic) # the tests have threads
   add_link_options(--coverage)
 endif()
 

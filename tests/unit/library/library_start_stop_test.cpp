@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include "common/guards.h"
 #include "library_fixture.h"
 
 using namespace kr_test;
@@ -138,7 +139,7 @@ class library_stop_failure_test : public library_fixture, public testing::WithPa
 
 TEST_F(library_start_stop_test, start_and_stop_make_their_calls_in_order_and_leave_nothing) {
     init();
-    kr_HAL_GEN_verb_level = with_notices;
+    kr::relaxed_store(kr_HAL_GEN_verb_level, with_notices); // the library's threads read it
     kr_soft_journal_start();
     EXPECT_EQ(event(CONN_EVENT_START), 0U);
     EXPECT_THAT(take_journal(), ElementsAreArray(whole_start));
@@ -153,7 +154,7 @@ TEST_F(library_start_stop_test, start_and_stop_make_their_calls_in_order_and_lea
 
 TEST_F(library_start_stop_test, second_start_calls_nothing) {
     start();
-    kr_HAL_GEN_verb_level = with_notices;
+    kr::relaxed_store(kr_HAL_GEN_verb_level, with_notices); // the library's threads read it
     kr_soft_journal_start();
     EXPECT_EQ(event(CONN_EVENT_START), 0U);
     EXPECT_THAT(take_journal(), IsEmpty());
@@ -193,7 +194,7 @@ TEST_P(library_stop_failure_test, has_its_status_lines_and_calls) {
     in_a_process_of_its_own([this] {
         const stop_row &row = GetParam();
         start();
-        kr_HAL_GEN_verb_level = with_notices;
+        kr::relaxed_store(kr_HAL_GEN_verb_level, with_notices); // the library's threads read it
         ASSERT_EQ(kr_soft_fault_set(row.function, 0, row.code, 0), KR_STATUS_SUCCESS);
         kr_soft_journal_start();
         EXPECT_EQ(event(CONN_EVENT_STOP), row.status);

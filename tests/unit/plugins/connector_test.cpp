@@ -528,6 +528,7 @@ TEST_F(connector_test, other_capture_files_are_another_port) {
     ASSERT_TRUE(library.wait_for_events(7));
     EXPECT_THAT(library.events(), ElementsAre("start", "add cap1", "remove cap1", "add cap1", "forward on 19",
                                               "forward off 19", "remove cap1"));
+    EXPECT_THAT(command("status"), testing::StartsWith("ok")); // answered once the removal is done with
     EXPECT_THAT(fake_platform::ports(), IsEmpty());
 }
 
