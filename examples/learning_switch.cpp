@@ -42,7 +42,10 @@ class learning_switch {
     void handle(const hal_event_record &record) {
         switch (record.type) {
         case EVENT_GENERAL_READY:
-            (void)check(kr_sdn_hal_srvc_event_register(&channel_, EVENT_PACKET_MISS), "register for packets");
+            // Not by the thread that reads: a registration waits for who writes events, and that one may wait for room.
+            registrar_ = std::jthread([this] {
+                (void)check(kr_sdn_hal_srvc_event_register(&channel_, EVENT_PACKET_MISS), "register for packets");
+            });
             printf("switch ready\n");
             break;
         case EVENT_PORT_CAPABILITIES_UPDATE:
@@ -50,8 +53,6 @@ class learning_switch {
             break;
         case EVENT_PACKET_MISS:
             handle_packet(record.payload.packet);
-            break;
-        default:
             break;
         }
         fflush(stdout);
@@ -91,9 +92,8 @@ class learning_switch {
         stations_[from] = packet.in_port;
 
         // The flow is there before the frame goes on, so the answer already finds its way.
-        const bool group_address = (to[0] & 1) != 0;
         const auto station = stations_.find(to);
-        if (group_address) {
+        if ((to[0] & 1) != 0) { // to a group
             add_flow(from, to, packet.in_port, FLOW_ACTION_FLOOD, 0);
         } else if (station != stations_.end() && station->second != packet.in_port) {
             add_flow(from, to, packet.in_port, FLOW_ACTION_OUTPUT, station->second);
@@ -129,6 +129,7 @@ class learning_switch {
     }
 
     srvc_handle &channel_;
+    std::jthread registrar_;
     std::vector<uint32_t> ports_;
     std::map<mac, uint32_t> stations_;
     std::vector<flow_record> flows_;

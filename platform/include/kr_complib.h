@@ -330,7 +330,8 @@ cl_status_t cl_event_init(cl_event_t *event, uint32_t manual_reset);
 void cl_event_destroy(cl_event_t *event);
 /*
  * Signals the event, waiting or not: CL_SUCCESS, also when it is signalled already, or CL_INVALID_STATE for an event
- * that is not initialised. Does not touch the event any more once a waiter's wait can return: the waiter may destroy it.
+ * that is not initialised. Does not touch the event any more once a waiter's wait can return: the waiter may destroy
+ * it.
  */
 cl_status_t cl_event_signal(cl_event_t *event);
 /* Takes an unused signal back. A waiter that was woken but has not run yet goes on waiting. */

@@ -85,7 +85,7 @@ uint32_t conn_init_done_shim(void);               /* the client is ready: events
 uint32_t conn_deinit(void);
 uint32_t conn_config_callback_register(conn_config_callback callback);
 uint32_t conn_event_callback_register(conn_event_callback callback, uint32_t event_mask);
-uint32_t conn_config_params_get(void); /* required to exist; not called */
+uint32_t conn_config_params_get(void);                                  /* required to exist; not called */
 void conn_log(uint32_t severity, const char *module, const char *text); /* from any thread */
 
 #pragma GCC visibility pop

@@ -45,7 +45,7 @@ typedef struct kr_receive_info {
     struct {
         uint32_t log_port;
         uint32_t oper_state;
-    } port_up_down; /* of trap id 8 */
+    } port_up_down;         /* of trap id 8 */
     uint32_t original_size; /* bytes that the frame had before it was cut to the room given */
 } kr_receive_info;
 

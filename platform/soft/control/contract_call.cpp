@@ -120,9 +120,13 @@ void journal_write(contract_function function, const std::string &arguments, con
     hooks.journal += '\n';
 }
 
-std::string result_text(uint32_t status) { return std::to_string(status); }
+std::string result_text(uint32_t status) {
+    return std::to_string(status);
+}
 
-std::string result_text(const void *pointer) { return pointer == nullptr ? "NULL" : "pointer"; }
+std::string result_text(const void *pointer) {
+    return pointer == nullptr ? "NULL" : "pointer";
+}
 
 } // namespace detail
 

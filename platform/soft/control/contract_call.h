@@ -72,7 +72,9 @@ bool journal_on();
 void journal_write(contract_function function, const std::string &arguments, const char *result);
 std::string result_text(uint32_t status);
 std::string result_text(const void *pointer); // "pointer" or "NULL": addresses differ from run to run
-inline std::string result_text(void *pointer) { return result_text(static_cast<const void *>(pointer)); }
+inline std::string result_text(void *pointer) {
+    return result_text(static_cast<const void *>(pointer));
+}
 
 template <typename Result> Result failure(uint32_t code) {
     if constexpr (std::is_pointer_v<Result>) {

@@ -25,8 +25,8 @@ extern "C" {
 enum {
     KR_SOFT_MAX_PORTS = 128,
     KR_SOFT_MAX_ACLS = 4,
-    KR_SOFT_MAX_RULES = 1000,   /* of one ACL */
-    KR_SOFT_MAX_GROUPS = 256,   /* multicast groups, the flood group included */
+    KR_SOFT_MAX_RULES = 1000, /* of one ACL */
+    KR_SOFT_MAX_GROUPS = 256, /* multicast groups, the flood group included */
     KR_SOFT_MAX_COUNTERS = 1024,
     KR_SOFT_MAX_BINDINGS = 128, /* ports bound to ACLs */
     KR_SOFT_MAX_FRAME = 10240,  /* bytes of one frame, tags included */
@@ -36,10 +36,10 @@ enum {
 /* Trap ids of control protocols. A frame of such a protocol is trapped before the rules see it, if a channel is
  * registered for the id; otherwise it goes on to the rules like any other. */
 enum {
-    KR_SOFT_TRAP_ID_STP = 16,  /* to 01:80:c2:00:00:00, LLC 42 42 03 */
-    KR_SOFT_TRAP_ID_LACP = 17, /* EtherType 0x8809 */
-    KR_SOFT_TRAP_ID_EAPOL = 18,/* EtherType 0x888e */
-    KR_SOFT_TRAP_ID_LLDP = 19  /* EtherType 0x88cc */
+    KR_SOFT_TRAP_ID_STP = 16,   /* to 01:80:c2:00:00:00, LLC 42 42 03 */
+    KR_SOFT_TRAP_ID_LACP = 17,  /* EtherType 0x8809 */
+    KR_SOFT_TRAP_ID_EAPOL = 18, /* EtherType 0x888e */
+    KR_SOFT_TRAP_ID_LLDP = 19   /* EtherType 0x88cc */
 };
 
 /* ---- the switch as a whole ------------------------------------------------------------------------------------- */
@@ -156,21 +156,21 @@ void kr_soft_usage_get(kr_soft_usage *usage);
 
 /* Why frames were dropped. */
 typedef enum kr_soft_drop_reason {
-    KR_SOFT_DROP_INGRESS_DOWN,      /* entered by a port whose link is down */
-    KR_SOFT_DROP_INGRESS_STP,       /* spanning tree blocks the ingress port */
-    KR_SOFT_DROP_MALFORMED,         /* too short, too long */
-    KR_SOFT_DROP_RULE_DISCARD,      /* a rule says so */
-    KR_SOFT_DROP_RULE_NO_TARGET,    /* the rule has neither trap nor target */
-    KR_SOFT_DROP_NO_MATCH,          /* no rule matches and no channel wants the frame */
-    KR_SOFT_DROP_NO_TRAP_CHANNEL,   /* trapped, and no channel is registered for the trap id */
-    KR_SOFT_DROP_CHANNEL_FULL,      /* a channel's queue is full; counted per channel */
-    KR_SOFT_DROP_NO_EGRESS_PORT,    /* the target port does not exist */
-    KR_SOFT_DROP_NO_GROUP,          /* the target group does not exist */
-    KR_SOFT_DROP_EMPTY_GROUP,       /* the group has no member but the ingress port */
-    KR_SOFT_DROP_EGRESS_DOWN,       /* the target port's link is down; counted per port */
-    KR_SOFT_DROP_EGRESS_STP,        /* spanning tree blocks the target port; counted per port */
-    KR_SOFT_DROP_EGRESS_FULL,       /* the target port could not take it; counted per port */
-    KR_SOFT_DROP_EGRESS_TOO_LONG,   /* longer than the target interface takes; counted per port */
+    KR_SOFT_DROP_INGRESS_DOWN,    /* entered by a port whose link is down */
+    KR_SOFT_DROP_INGRESS_STP,     /* spanning tree blocks the ingress port */
+    KR_SOFT_DROP_MALFORMED,       /* too short, too long */
+    KR_SOFT_DROP_RULE_DISCARD,    /* a rule says so */
+    KR_SOFT_DROP_RULE_NO_TARGET,  /* the rule has neither trap nor target */
+    KR_SOFT_DROP_NO_MATCH,        /* no rule matches and no channel wants the frame */
+    KR_SOFT_DROP_NO_TRAP_CHANNEL, /* trapped, and no channel is registered for the trap id */
+    KR_SOFT_DROP_CHANNEL_FULL,    /* a channel's queue is full; counted per channel */
+    KR_SOFT_DROP_NO_EGRESS_PORT,  /* the target port does not exist */
+    KR_SOFT_DROP_NO_GROUP,        /* the target group does not exist */
+    KR_SOFT_DROP_EMPTY_GROUP,     /* the group has no member but the ingress port */
+    KR_SOFT_DROP_EGRESS_DOWN,     /* the target port's link is down; counted per port */
+    KR_SOFT_DROP_EGRESS_STP,      /* spanning tree blocks the target port; counted per port */
+    KR_SOFT_DROP_EGRESS_FULL,     /* the target port could not take it; counted per port */
+    KR_SOFT_DROP_EGRESS_TOO_LONG, /* longer than the target interface takes; counted per port */
     KR_SOFT_DROP_REASON_COUNT
 } kr_soft_drop_reason;
 

@@ -1,6 +1,6 @@
 /*
- * What the test programs and the fixture of a port plug-in share: the plug-in writes down its calls in a record that the
- * program owns, and answers as the record says. It outlives the plug-in, which is unloaded during the tests.
+ * What the test programs and the fixture of a port plug-in share: the plug-in writes down its calls in a record that
+ * the program owns, and answers as the record says. It outlives the plug-in, which is unloaded during the tests.
  */
 #ifndef KR_TESTS_FPT_FIXTURE_H
 #define KR_TESTS_FPT_FIXTURE_H
