@@ -57,7 +57,29 @@ def enter_namespaces(own_tmp=False):
     skip("network, process and mount namespaces are not allowed here")
 
 
+def _own_root():
+    """Makes a changed root (chroot) that of the whole mount namespace: who joins the namespace, as mnexec does, would
+    find himself outside of it otherwise."""
+    libc = ctypes.CDLL(None, use_errno=True)
+
+    def call(function, *arguments):
+        if getattr(libc, function)(*arguments) != 0:
+            raise OSError(ctypes.get_errno(), f"{function}: {os.strerror(ctypes.get_errno())}")
+
+    bind = 4096 | 16384  # MS_BIND, MS_REC
+    folder, root, namespace = os.getcwd(), os.open("/", os.O_PATH), os.open("/proc/self/ns/mnt", os.O_RDONLY)
+    call("setns", namespace, 0)
+    if not os.path.samestat(os.fstat(root), os.stat("/")):
+        os.fchdir(root)
+        call("mount", b".", b"/", None, bind, None)
+        os.chroot("/..")  # what lies on top of the root now
+    os.chdir(folder)
+    os.close(root)
+    os.close(namespace)
+
+
 def _furnish():
+    _own_root()
     run("mount", "-t", "tmpfs", "tmpfs", "/run")
     for folder in ("/run/netns", "/run/openvswitch", FOLDER):
         os.mkdir(folder)
@@ -67,6 +89,9 @@ def _furnish():
         run("mount", "-o", "remount,bind,ro", folder)
     quiet_ipv6()
     run("ip", "link", "set", "lo", "up")
+    if not os.path.exists("/dev/pts/ptmx"):  # a bare root has no pseudo-terminals, and Mininet wants one for each host
+        os.makedirs("/dev/pts", exist_ok=True)
+        run("mount", "-t", "devpts", "-o", "newinstance,ptmxmode=0666", "devpts", "/dev/pts")
 
 
 def _change_tmp():
