@@ -10,7 +10,8 @@ fake_connector_control fake_connector{};
 
 namespace {
 
-uint32_t called(const char *name, uint32_t status) {
+// The status is read after the call was recorded: who records it may choose it then.
+uint32_t called(const char *name, const uint32_t &status) {
     if (fake_connector.record != nullptr) {
         fake_connector.record(name);
     }

@@ -10,14 +10,15 @@ fake_fpt_control fake_fpt{};
 
 namespace {
 
-uint32_t called(const char *name, uint32_t status) {
+// The status is read after the call was recorded: who records it may choose it then.
+uint32_t called(const char *name, const uint32_t &status) {
     if (fake_fpt.record != nullptr) {
         fake_fpt.record(name);
     }
     return status;
 }
 
-[[maybe_unused]] uint32_t called(const char *name, uint32_t status, uint32_t port) {
+[[maybe_unused]] uint32_t called(const char *name, const uint32_t &status, uint32_t port) {
     fake_fpt.port = port;
     return called(name, status);
 }
