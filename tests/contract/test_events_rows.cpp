@@ -132,14 +132,14 @@ const std::string open_done = events_debug("kr_sdn_hal_srvc_open", "HAL events -
 const std::string close_done = events_debug("kr_sdn_hal_srvc_close", "HAL events - close finished successfully");
 std::string added(const std::string &event) {
     return events_debug("kr_sdn_hal_srvc_event_register",
-                        "HAL events - Registration for event (" + event + ") finished successfully");
+                        formatted("HAL events - Registration for event (%s) finished successfully", event.c_str()));
 }
 std::string removed(const std::string &event) {
     return events_debug("kr_sdn_hal_srvc_event_unregister",
-                        "HAL events - successfully unregistered from event (" + event + ")");
+                        formatted("HAL events - successfully unregistered from event (%s)", event.c_str()));
 }
 std::string not_removed(const std::string &event) {
-    return events_error("HAL events - Failed unregistering from event (" + event + ")");
+    return events_error(formatted("HAL events - Failed unregistering from event (%s)", event.c_str()));
 }
 const std::string no_sdk_fd = events_error("Failed creating the SDK FD");
 constexpr auto trap_set = "kr_api_host_ifc_trap_id_register_set";

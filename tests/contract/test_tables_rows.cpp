@@ -166,7 +166,8 @@ lines not_placed(const std::string &result) {
 }
 log_line adds(int flow_id) {
     const std::string id = std::to_string(flow_id);
-    return notice("Adds ACL rule to Table 0 with flow ID [" + id + "] ,Priority [100] at offset [@" + id + "]");
+    return notice(formatted("Adds ACL rule to Table 0 with flow ID [%s] ,Priority [100] at offset [%s]", id.c_str(),
+                            ("@" + id).c_str()));
 }
 
 const lines delete_calls = {

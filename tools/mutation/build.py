@@ -312,21 +312,27 @@ class Workspace:
         sources = self.sources_of(mutant.path)
         try:
             file.write_text(text[:mutant.start] + mutant.new + text[mutant.end:], encoding="ascii")
-            if not all([self.compile(source) for source in sources]):
-                return "not compiled", "", ""
-            changed = {s for s in sources if self.object_of(s).read_bytes() != self.originals[s]}
-            if not changed:
-                return "same code", "", ""
-            return self.run_tests(changed)
+            return self.run_tests(sources)
         finally:
             file.write_bytes(original)
             os.utime(file, ns=(dates.st_atime_ns, dates.st_mtime_ns))  # or all that includes it would be built again
             for source in sources:
                 self.spread(source, self.originals[source])
 
-    def run_tests(self, changed):
-        linked = set()
-        for test in sorted((t for t in self.tests if t.objects & changed), key=Test.promise, reverse=True):
+    def run_tests(self, sources):
+        """Compiles, links and runs, the most promising test first; of a header's sources only what the next test holds."""
+        linked, compiled, changed = set(), set(), set()
+        tests = [t for t in self.tests if t.objects.intersection(sources)]
+        for test in sorted(tests, key=Test.promise, reverse=True):
+            for source in sources:
+                if source in test.objects and source not in compiled:
+                    compiled.add(source)
+                    if not self.compile(source):
+                        return "not compiled", "", ""
+                    if self.object_of(source).read_bytes() != self.originals[source]:
+                        changed.add(source)
+            if not changed & test.objects:
+                continue
             test.runs += 1
             for output in test.relink:
                 if output not in linked:
@@ -337,7 +343,7 @@ class Workspace:
             if not passed:
                 test.kills += 1
                 return "caught", test.name, said
-        return "survived", "", ""
+        return ("survived" if changed else "same code"), "", ""
 
     def close(self):
         """Says that no object of a mutant is left; Ninja links anew what was made of one."""

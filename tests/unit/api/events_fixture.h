@@ -13,6 +13,7 @@
 #include "core/events_db.h"
 #include "core/general.h"
 #include "fakes.h"
+#include "formatted.h"
 #include "kr_sdn_hal.h"
 #include "wrapped_calls.h"
 

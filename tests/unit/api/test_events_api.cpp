@@ -92,12 +92,12 @@ TEST_P(each_event, has_its_name_and_its_trap) {
     bring_up(stage::started);
     EXPECT_EQ(kr_sdn_hal_srvc_event_register(&channel, event.type), SUCCESS);
     EXPECT_EQ(take_events_calls().back(),
-              events_debug("kr_sdn_hal_srvc_event_register", std::string("HAL events - Registration for event (") +
-                                                                 event.name + ") finished successfully"));
+              events_debug("kr_sdn_hal_srvc_event_register",
+                           formatted("HAL events - Registration for event (%s) finished successfully", event.name)));
     EXPECT_EQ(kr_sdn_hal_srvc_event_unregister(&channel, event.type), SUCCESS);
     EXPECT_EQ(take_events_calls().back(),
               events_debug("kr_sdn_hal_srvc_event_unregister",
-                           std::string("HAL events - successfully unregistered from event (") + event.name + ")"));
+                           formatted("HAL events - successfully unregistered from event (%s)", event.name)));
     std::vector<trap_call> expected;
     if (event.trap_id != 0) {
         expected = {{fake_device_handle, 19, 0, event.trap_id, 0, channel.sdk_fd.fd},

@@ -15,6 +15,7 @@
 #include "core/port.h"
 #include "kr_sdn_hal.h"
 #include "tests/support/allocation_counter.h"
+#include "tests/support/formatted.h"
 #include "tests/support/log_capture.h"
 #include "tests/unit/core/fpt_fixture/fpt_fixture.h"
 
@@ -22,6 +23,7 @@ fpt_fixture_state fpt_fixture;
 
 namespace {
 
+using kr_test::formatted;
 using kr_test::log_line;
 using log_lines = std::vector<log_line>;
 
@@ -34,6 +36,9 @@ log_line api_error(const std::string &text) {
 log_line not_initialized() {
     return {KR_LOG_ERROR, "FPT", "FPT is not initialized.\n"};
 }
+
+// What the port database answers the next request for the ports; 0: what it really has.
+uint32_t port_list_status = 0;
 
 const int change_directory_result = chdir(FPT_FIXTURE_DIR);
 
@@ -131,6 +136,16 @@ TEST_F(port_api_test, arr_with_a_null_count_returns_8) {
     EXPECT_EQ(ports[0], untouched);
 }
 
+TEST_F(port_api_test, arr_returns_what_the_port_database_answers_with_a_line) {
+    add_port(1);
+    uint32_t ports[1] = {untouched};
+    uint32_t count = 1;
+    port_list_status = 2;
+    expect_refused(kr_sdn_hal_port_arr_get(ports, &count), 2, "port_get_arr failed.");
+    port_list_status = 0;
+    EXPECT_EQ(kr_sdn_hal_port_arr_get(ports, &count), KR_SDN_HAL_STATUS_SUCCESS);
+}
+
 TEST_F(port_api_test, arr_does_not_depend_on_the_plug_in) {
     add_port(1);
     ASSERT_EQ(fpt_deinit(), KR_SDN_HAL_STATUS_SUCCESS);
@@ -195,8 +210,7 @@ TEST_F(port_api_test, mtu_68_and_10000_reach_the_plug_in) {
 
 TEST_F(port_api_test, mtu_67_and_10001_return_9) {
     for (const uint16_t mtu : {uint16_t{0}, uint16_t{67}, uint16_t{10001}, uint16_t{65535}}) {
-        expect_refused(kr_sdn_hal_port_mtu_set(port, mtu), 9,
-                       "<port_mtu> param [" + std::to_string(mtu) + "] exceeds range.");
+        expect_refused(kr_sdn_hal_port_mtu_set(port, mtu), 9, formatted("<port_mtu> param [%d] exceeds range.", mtu));
     }
 }
 
@@ -226,7 +240,7 @@ TEST_F(port_api_test, counter_clear_takes_the_flags_0_and_1) {
     }
     for (const int32_t all_ports : {-1, 2, INT32_MIN}) {
         expect_refused(kr_sdn_hal_port_cntr_clear(port, all_ports), 9,
-                       "<all_port> param [" + std::to_string(all_ports) + "] exceeds range.");
+                       formatted("<all_port> param [%d] exceeds range.", all_ports));
     }
 }
 
@@ -430,3 +444,18 @@ TEST_F(port_api_test, no_call_allocates) {
 }
 
 } // namespace
+
+// The port database never fails here: the call of the function under test is rerouted by its linker name.
+#pragma GCC visibility push(default)
+extern "C" {
+
+kr_sdn_hal_status __real__Z12port_get_arrPjS_(uint32_t *ports, uint32_t *count);
+kr_sdn_hal_status __wrap__Z12port_get_arrPjS_(uint32_t *ports, uint32_t *count);
+
+kr_sdn_hal_status __wrap__Z12port_get_arrPjS_(uint32_t *ports, uint32_t *count) {
+    return port_list_status != 0 ? static_cast<kr_sdn_hal_status>(port_list_status)
+                                 : __real__Z12port_get_arrPjS_(ports, count);
+}
+
+} // extern "C"
+#pragma GCC visibility pop

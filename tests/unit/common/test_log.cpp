@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "common/log.h"
+#include "tests/support/formatted.h"
 #include "tests/support/log_capture.h"
 
 namespace {
@@ -51,14 +52,15 @@ class log_test : public ::testing::Test {
         log_at_every_level();
         return log.take();
     }
+    static std::string place_of(int line) {
+        return kr_test::formatted("%s[%d]- %s: ", "test_log.cpp", line, "log_at_every_level");
+    }
     static log_lines all_lines() {
-        const std::string function = "log_at_every_level";
         return {{1, "TEST_MODULE", "error 1\n"},
                 {3, "TEST_MODULE", "warning 2\n"},
                 {15, "TEST_MODULE", "notice 4\n"},
-                {31, "TEST_MODULE", "test_log.cpp[" + std::to_string(debug_line) + "]- " + function + ": debug 5\n"},
-                {63, "TEST_MODULE",
-                 "test_log.cpp[" + std::to_string(trace_line) + "]- " + function + ": " + function + ": [\n"}};
+                {31, "TEST_MODULE", place_of(debug_line) + "debug 5\n"},
+                {63, "TEST_MODULE", place_of(trace_line) + "log_at_every_level: [\n"}};
     }
     static log_lines first_lines(size_t count) {
         log_lines lines = all_lines();

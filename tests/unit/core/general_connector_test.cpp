@@ -1,14 +1,17 @@
 /*
  * Loading the connector, and the log lines that go to it.
  */
+#include <dlfcn.h>
 #include <unistd.h>
 
 #include <vector>
 
+#include "formatted.h"
 #include "general_fixture.h"
 
 using kr_test::call_list;
 using kr_test::fake_plugin;
+using kr_test::formatted;
 using kr_test::general_fixture;
 using kr_test::profile_of;
 using kr_test::record_log;
@@ -18,11 +21,22 @@ using testing::HasSubstr;
 
 namespace {
 
+// Whether the loader keeps its reasons to itself.
+bool loader_is_silent = false;
+
 // How far standard error had been written, while it was captured, when a library was closed.
 std::vector<off_t> told_at_close;
 
 class general_connector_test : public general_fixture {
   protected:
+    ~general_connector_test() override {
+        loader_is_silent = false;
+    }
+    // Why the loader refuses a file.
+    static std::string reason_not_to_open(const char *path) {
+        EXPECT_EQ(nullptr, dlopen(path, RTLD_NOW));
+        return dlerror();
+    }
     // Init with this profile fails; what it wrote to standard error.
     std::string failing_load() {
         testing::internal::CaptureStderr();
@@ -41,11 +55,15 @@ class general_connector_symbol_test : public general_connector_test,
 TEST_P(general_connector_symbol_test, missing_symbol_fails_the_load_and_closes_the_library) {
     const std::string path = fake_plugin(std::string("fake_connector_without_") + GetParam());
     profile = profile_of(path);
-    const std::string text = failing_load();
-    EXPECT_THAT(text, testing::StartsWith("Loading symbol has failed ["));
-    EXPECT_THAT(text, HasSubstr(GetParam()));
-    EXPECT_THAT(text, testing::EndsWith("].\n"));
+    const std::string reason = path + ": undefined symbol: " + GetParam();
+    EXPECT_EQ(failing_load(), formatted("Loading symbol has failed [%s].\n", reason.c_str()));
     EXPECT_EQ(nullptr, dlopen(path.c_str(), RTLD_NOW | RTLD_NOLOAD));
+}
+
+TEST_P(general_connector_symbol_test, missing_symbol_for_which_the_loader_has_no_reason_is_told_by_its_name) {
+    profile = profile_of(fake_plugin(std::string("fake_connector_without_") + GetParam()));
+    loader_is_silent = true;
+    EXPECT_EQ(failing_load(), formatted("Loading symbol has failed [%s].\n", GetParam()));
 }
 
 INSTANTIATE_TEST_SUITE_P(symbols, general_connector_symbol_test,
@@ -74,9 +92,10 @@ TEST_F(general_connector_test, missing_symbol_keeps_the_entry_points_of_an_earli
 
 TEST_F(general_connector_test, unloadable_file_is_told_with_path_and_reason) {
     profile = profile_of("/proc/self/status");
-    EXPECT_THAT(
-        failing_load(),
-        testing::MatchesRegex("dlopen\\(\\) has failed loading connector library /proc/self/status, \\[.+\\]\\.\n"));
+    EXPECT_EQ(failing_load(), formatted("dlopen() has failed loading connector library %s, [%s].\n",
+                                        "/proc/self/status", reason_not_to_open("/proc/self/status").c_str()));
+    loader_is_silent = true;
+    EXPECT_EQ(failing_load(), "dlopen() has failed loading connector library /proc/self/status, [no reason].\n");
 }
 
 TEST_F(general_connector_test, empty_path_ends_with_1_and_a_message) {
@@ -88,7 +107,8 @@ TEST_F(general_connector_test, empty_path_ends_with_1_and_a_message) {
 TEST_F(general_connector_test, path_without_an_end_is_refused_with_a_message) {
     memset(profile.connector_library_path, '/', sizeof profile.connector_library_path);
     EXPECT_THAT(failing_load(),
-                testing::MatchesRegex("dlopen\\(\\) has failed loading connector library /+, \\[.+\\]\\.\n"));
+                formatted("dlopen() has failed loading connector library %s, [the path does not end].\n",
+                          std::string(128, '/').c_str()));
 }
 
 TEST_F(general_connector_test, path_of_127_characters_reaches_the_loader_whole) {
@@ -152,6 +172,14 @@ TEST_F(general_connector_test, log_still_works_after_deinit) {
 // Visible, since the linker reroutes the references of the sanitizers' shared libraries as well.
 #pragma GCC visibility push(default)
 extern "C" {
+
+char *__real_dlerror(void);
+char *__wrap_dlerror(void);
+
+char *__wrap_dlerror(void) {
+    char *const text = __real_dlerror();
+    return loader_is_silent ? nullptr : text;
+}
 
 int __real_dlclose(void *library);
 int __wrap_dlclose(void *library);

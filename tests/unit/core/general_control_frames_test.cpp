@@ -237,6 +237,7 @@ TEST_F(general_control_frames_test, acknowledging_any_other_event_returns_6_and_
     }
     EXPECT_THAT(take_calls(), IsEmpty());
     EXPECT_EQ(KR_SDN_HAL_STATUS_PARAM_NULL, general_process_shim_event_ack(nullptr));
+    EXPECT_THAT(take_calls(), ElementsAre("1 HAL_UTILS: NULL Pointer (Event record pointer)"));
 }
 
 TEST_F(general_control_frames_test,

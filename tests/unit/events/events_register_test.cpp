@@ -41,14 +41,14 @@ class events_of_the_switch_test : public channel_fixture, public testing::WithPa
 
 std::string registered(const char *name) {
     return events_debug("kr_sdn_hal_srvc_event_register",
-                        std::string("HAL events - Registration for event (") + name + ") finished successfully");
+                        formatted("HAL events - Registration for event (%s) finished successfully", name));
 }
 std::string unregistered(const char *name) {
     return events_debug("kr_sdn_hal_srvc_event_unregister",
-                        std::string("HAL events - successfully unregistered from event (") + name + ")");
+                        formatted("HAL events - successfully unregistered from event (%s)", name));
 }
 std::string not_unregistered(const char *name) {
-    return events_error(std::string("HAL events - Failed unregistering from event (") + name + ")");
+    return events_error(formatted("HAL events - Failed unregistering from event (%s)", name));
 }
 
 /* ---- register ---------------------------------------------------------------------------------------------------- */

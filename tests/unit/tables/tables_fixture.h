@@ -21,6 +21,7 @@
 #include "tables/tables.h"
 #include "tables/tables_acl_internal.h"
 #include "tables/tables_internal.h"
+#include "tests/support/formatted.h"
 #include "tests/support/log_capture.h"
 
 namespace kr_test {

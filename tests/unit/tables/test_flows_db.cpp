@@ -16,6 +16,7 @@
 #include "kr_soft.h"
 #include "tables/flows_db.h"
 #include "tests/support/allocation_counter.h"
+#include "tests/support/formatted.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/test_seed.h"
 
@@ -348,8 +349,8 @@ TEST_F(flows_db_test, an_add_takes_over_a_valid_slot_without_a_line) {
 TEST_F(flows_db_test, an_offset_without_a_slot_is_refused_and_nothing_changes) {
     for (const uint64_t offset : {uint64_t{6000}, uint64_t{1} << 32U, UINT64_MAX}) {
         EXPECT_EQ(add(1, offset), KR_SDN_HAL_STATUS_PARAM_EXCEEDS_RANGE);
-        EXPECT_EQ(log.take(), log_lines{flows_error("Offset [" + std::to_string(offset) +
-                                                    "] of flow ID [1] exceeds the slots of the flows DB.")});
+        EXPECT_EQ(log.take(), log_lines{flows_error(kr_test::formatted(
+                                  "Offset [%lu] of flow ID [1] exceeds the slots of the flows DB.", offset))});
         EXPECT_EQ(offset_of(1), UINT64_MAX);
     }
     EXPECT_EQ(occupancy(), 0U);
@@ -455,9 +456,9 @@ TEST_F(flows_db_test, a_block_outside_the_slots_is_refused_before_anything_moves
         EXPECT_EQ(flows_db_modify_offset(db.get(), block.from, block.to, block.count),
                   KR_SDN_HAL_STATUS_PARAM_EXCEEDS_RANGE);
         EXPECT_EQ(log.take(),
-                  log_lines{flows_error("Block of [" + std::to_string(block.count) + "] entries from offset [" +
-                                        std::to_string(block.from) + "] to offset [" + std::to_string(block.to) +
-                                        "] exceeds the slots of the flows DB.")});
+                  log_lines{flows_error(kr_test::formatted("Block of [%u] entries from offset [%lu] to offset [%lu] "
+                                                           "exceeds the slots of the flows DB.",
+                                                           block.count, block.from, block.to))});
         expect_slots(5998, {100, 0});
     }
     EXPECT_EQ(flows_db_modify_offset(db.get(), 5998, 5999, 1), KR_SDN_HAL_STATUS_SUCCESS);

@@ -13,6 +13,10 @@ namespace {
 // Pools that were made, less those that were destroyed.
 std::atomic<int> pool_count{0};
 
+// What the making of the flows database and of a counter answer; 0: what they really do. Neither ever fails here.
+kr_sdn_hal_status flows_db_status = KR_SDN_HAL_STATUS_SUCCESS;
+kr_sdn_hal_status counter_status = KR_SDN_HAL_STATUS_SUCCESS;
+
 TEST_F(tables_unstarted, init_twice_returns_1_the_second_time) {
     ASSERT_EQ(init(), KR_SDN_HAL_STATUS_SUCCESS);
     EXPECT_EQ(init(), KR_SDN_HAL_STATUS_ERROR);
@@ -241,6 +245,29 @@ TEST_F(bare_table, capabilities_are_not_found) {
     EXPECT_THAT(log.take(), ElementsAre(error("Table (0) is unsupported")));
 }
 
+TEST_F(tables_unstarted, a_flows_database_that_cannot_be_made_ends_the_start_of_the_table) {
+    ASSERT_EQ(init(), KR_SDN_HAL_STATUS_SUCCESS);
+    watch();
+    flows_db_status = KR_SDN_HAL_STATUS_PARAM_ERROR;
+    EXPECT_EQ(tables_dependent_init(), KR_SDN_HAL_STATUS_PARAM_ERROR);
+    flows_db_status = KR_SDN_HAL_STATUS_SUCCESS;
+    EXPECT_THAT(log.take(),
+                ElementsAre(error("Failed to init flows DB"), error("Failed to initialize table (0) rc = 7")));
+    EXPECT_THAT(journal(), IsEmpty());
+    EXPECT_EQ(tables_dependent_init(), KR_SDN_HAL_STATUS_SUCCESS);
+}
+
+TEST_F(tables_started, a_counter_that_fails_ends_the_flow_before_its_rule) {
+    watch();
+    counter_status = KR_SDN_HAL_STATUS_SDK_ERROR;
+    EXPECT_EQ(add({make_flow(1)}), KR_SDN_HAL_STATUS_SDK_ERROR);
+    counter_status = KR_SDN_HAL_STATUS_SUCCESS;
+    EXPECT_THAT(log.take(),
+                ElementsAre(notice("Failed to allocate flow counter."), notice("Failed to configure flow (1) "),
+                            notice("Failed in flow add operation")));
+    EXPECT_THAT(rules(), IsEmpty());
+}
+
 TEST_F(tables_started, the_operations_get_the_address_of_a_copy_of_the_count) {
     static uint32_t *seen_count = nullptr;
     static table_ops operations; // until tear-down
@@ -262,6 +289,23 @@ TEST_F(tables_started, the_operations_get_the_address_of_a_copy_of_the_count) {
 // Visible, since the linker reroutes the references of the sanitizers' shared libraries as well.
 #pragma GCC visibility push(default)
 extern "C" {
+
+kr_sdn_hal_status __real__Z13flows_db_initP8flows_dbj(flows_db *db, uint32_t size);
+kr_sdn_hal_status __wrap__Z13flows_db_initP8flows_dbj(flows_db *db, uint32_t size);
+kr_sdn_hal_status __real__Z23__allocate_flow_counterP12wrapped_flowP11kr_acl_rule(wrapped_flow *flow,
+                                                                                  kr_acl_rule *rule);
+kr_sdn_hal_status __wrap__Z23__allocate_flow_counterP12wrapped_flowP11kr_acl_rule(wrapped_flow *flow,
+                                                                                  kr_acl_rule *rule);
+
+kr_sdn_hal_status __wrap__Z13flows_db_initP8flows_dbj(flows_db *db, uint32_t size) {
+    return flows_db_status != 0 ? flows_db_status : __real__Z13flows_db_initP8flows_dbj(db, size);
+}
+
+kr_sdn_hal_status __wrap__Z23__allocate_flow_counterP12wrapped_flowP11kr_acl_rule(wrapped_flow *flow,
+                                                                                  kr_acl_rule *rule) {
+    return counter_status != 0 ? counter_status
+                               : __real__Z23__allocate_flow_counterP12wrapped_flowP11kr_acl_rule(flow, rule);
+}
 
 cl_status_t __real_cl_qpool_init(cl_qpool_t *pool, size_t min_count, size_t max_count, size_t growth_size,
                                  size_t object_size, cl_qpool_constructor constructor, cl_qpool_destructor destructor,
