@@ -212,8 +212,10 @@ void controllers::session_open(unique_fd socket, const endpoint &where, const st
         }
         return;
     }
-    sessions_.push_back(std::make_unique<session>(loop_, std::move(bytes), datapath_, name, settings_.probe,
-                                                  [this](session &closed) { session_closed(closed); }));
+    sessions_.push_back(std::make_unique<session>(
+        loop_, std::move(bytes), datapath_, name, settings_.probe,
+        session::handlers{[this](session &ready) { tell_feed(ready, "connected", ""); },
+                          [this](session &closed, const std::string &why) { session_closed(closed, why); }}));
     session &opened = *sessions_.back();
     if (from != nullptr) {
         from->current = &opened;
@@ -221,7 +223,12 @@ void controllers::session_open(unique_fd socket, const endpoint &where, const st
     opened.start();
 }
 
-void controllers::session_closed(session &one) {
+void controllers::tell_feed(const session &one, const char *what, const std::string &why) const {
+    datapath_.feed.tell([&] { return happening{"controller", what, one.name(), why}; });
+}
+
+void controllers::session_closed(session &one, const std::string &why) {
+    tell_feed(one, "lost", why);
     reaper_.start(0);
     const auto found = std::find_if(targets_.begin(), targets_.end(),
                                     [&](const auto &candidate) { return candidate->current == &one; });
@@ -265,6 +272,7 @@ void controllers::stop() {
 /* ---- audience -------------------------------------------------------------------------------------------------- */
 
 void controllers::tell_all(const of10::message_body &body) {
+    untold_ += has_any() ? 0 : 1;
     for (const auto &one : sessions_) {
         if (one->is_ready()) {
             one->tell(body);

@@ -48,6 +48,9 @@ class controllers final : public audience {
     };
     std::vector<peer_view> view() const;
     uint64_t packets_dropped() const;
+    uint64_t untold() const {
+        return untold_; // messages for all controllers, when there was none
+    }
 
   private:
     struct target;
@@ -57,7 +60,8 @@ class controllers final : public audience {
     void try_target(target &one);
     void target_connected(target &one);
     void target_lost(target &one, const std::string &why);
-    void session_closed(session &one);
+    void session_closed(session &one, const std::string &why);
+    void tell_feed(const session &one, const char *what, const std::string &why) const;
     std::unique_ptr<stream> wrap(unique_fd socket, const endpoint &where, bool is_server);
     void session_open(unique_fd socket, const endpoint &where, const std::string &name, target *from);
     void reap();
@@ -70,6 +74,7 @@ class controllers final : public audience {
     std::vector<std::unique_ptr<session>> sessions_;
     timer reaper_;
     bool is_started_ = false;
+    uint64_t untold_ = 0;
     uint64_t dropped_before_ = 0; // by connections that are gone
 };
 

@@ -6,11 +6,14 @@
 #include <algorithm>
 
 #include "log.h"
+#include "of10/text.h"
 #include "timeouts.h"
 
 namespace agent {
 
 namespace config = of10::port_config;
+
+constexpr size_t ports_per_turn = 16; // looked at in every turn, one after the other
 
 /* ---- audience -------------------------------------------------------------------------------------------------- */
 
@@ -44,7 +47,9 @@ datapath::datapath(datapath_identity who, packet_io::sender send)
                               [this](const flow &one, of10::flow_removed_reason reason, const rules::counts &last) {
                                   tell_removed(one, reason, last);
                               }),
-      packets(flows, known_ports, audience_, std::move(send)), identity(std::move(who)), id_(identity.id) {}
+      packets(flows, known_ports, audience_, std::move(send)), identity(std::move(who)), id_(identity.id) {
+    mods.watch([this](const flow &one, const char *what, const char *why) { tell_flow(one, what, why); });
+}
 
 void datapath::switch_ready() {
     if (!table.open()) {
@@ -54,6 +59,7 @@ void datapath::switch_ready() {
         log(log_level::warning, "the switch was started anew: %zu flows are gone", flows.size());
         mods.forget_all(clock_now());
     }
+    feed.tell([&] { return happening{"switch", was_ready_ ? "started anew" : "ready", table.name(), ""}; });
     was_ready_ = true;
 }
 
@@ -109,10 +115,16 @@ void datapath::packets_end() {
     audience_.packets_send();
 }
 
-void datapath::timeouts_turn(nanoseconds now) {
+void datapath::turn(nanoseconds now) {
     if (flows.size() > 0) {
         agent::timeouts_turn(flows, programmed, mods, now);
     }
+    known_ports.refresh_next(ports_per_turn, [this](const of10::phy_port &port) {
+        log(log_level::notice, "port %u (%s) is %s, link %s", port.port_no, port.name.c_str(),
+            (port.config & config::port_down) != 0 ? "down" : "up",
+            (port.state & of10::port_state::link_down) != 0 ? "down" : "up");
+        tell_port(of10::port_reason::modify, port);
+    });
 }
 
 void datapath::shut_down() {
@@ -125,6 +137,23 @@ void datapath::shut_down() {
 
 void datapath::tell_port(of10::port_reason reason, const of10::phy_port &port) {
     audience_.tell_all(of10::port_status{reason, port});
+    feed.tell([&] {
+        constexpr const char *reasons[] = {"added", "removed", "changed"};
+        const std::string config = port_config_text(port.config);
+        return happening{"port", reasons[static_cast<size_t>(reason)], std::to_string(port.port_no) + " " + port.name,
+                         std::string((port.state & of10::port_state::link_down) != 0 ? "link down" : "link up") +
+                             (config.empty() ? "" : ", " + config)};
+    });
+}
+
+void datapath::tell_flow(const flow &one, const char *what, const char *why) const {
+    feed.tell([&] {
+        const std::string match = to_string(one.match);
+        return happening{"flow", what,
+                         "priority=" + std::to_string(one.priority) + (match.empty() ? "" : "," + match) +
+                             " actions=" + to_string(one.actions),
+                         why};
+    });
 }
 
 void datapath::tell_removed(const flow &one, of10::flow_removed_reason reason, const rules::counts &last) {
@@ -184,18 +213,19 @@ std::optional<refusal> datapath::port_mod(const of10::port_mod &request) {
     const uint32_t mask = request.mask & changeable_config;
     const uint32_t wanted = (port->config & ~mask) | (request.config & mask);
     const uint32_t changed = wanted ^ port->config;
-    if ((changed & config::no_recv) != 0) {
-        if ((wanted & config::no_recv) == 0) {
-            programmed.remove_ingress_drop(request.port_no);
-        } else if (flows.size() >= programmed.capacity() || programmed.add_ingress_drop(request.port_no)) {
-            return refusal{of10::error_type::bad_request, of10::bad_request::eperm, "no room for the rule that drops"};
+    const uint32_t advertised = port->advertised;
+    const bool advertises = request.advertise != 0 && request.advertise != advertised; // 0: leave it as it is
+    if (advertises && !known_ports.set_advertised(request.port_no, request.advertise)) {
+        return refusal{of10::error_type::bad_request, of10::bad_request::eperm, "features that the port can't offer"};
+    }
+    const auto refused = port_config_apply(request.port_no, changed, wanted);
+    if (refused) {
+        if (advertises) {
+            (void)known_ports.set_advertised(request.port_no, advertised);
         }
+        return refused;
     }
-    if ((changed & config::port_down) != 0 &&
-        !known_ports.set_down(request.port_no, (wanted & config::port_down) != 0)) {
-        return refusal{of10::error_type::bad_request, of10::bad_request::eperm, "the port can't be set up or down"};
-    }
-    if (changed == 0) {
+    if (changed == 0 && !advertises) {
         return {};
     }
     known_ports.set_config(request.port_no, wanted);
@@ -204,6 +234,24 @@ std::optional<refusal> datapath::port_mod(const of10::port_mod &request) {
     }
     (void)known_ports.refresh(request.port_no);
     tell_port(of10::port_reason::modify, *known_ports.find(request.port_no));
+    return {};
+}
+
+// What of a port's configuration is hardware: the rule that drops, and up or down. Refused: nothing has changed.
+std::optional<refusal> datapath::port_config_apply(uint16_t number, uint32_t changed, uint32_t wanted) {
+    const bool drops = (changed & wanted & config::no_recv) != 0;
+    if (drops && (flows.size() >= programmed.capacity() || programmed.add_ingress_drop(number))) {
+        return refusal{of10::error_type::bad_request, of10::bad_request::eperm, "no room for the rule that drops"};
+    }
+    if ((changed & config::port_down) != 0 && !known_ports.set_down(number, (wanted & config::port_down) != 0)) {
+        if (drops) {
+            programmed.remove_ingress_drop(number);
+        }
+        return refusal{of10::error_type::bad_request, of10::bad_request::eperm, "the port can't be set up or down"};
+    }
+    if ((changed & ~wanted & config::no_recv) != 0) {
+        programmed.remove_ingress_drop(number);
+    }
     return {};
 }
 

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "audience.h"
+#include "event_feed.h"
 #include "flow_mods.h"
 #include "flow_table.h"
 #include "hardware.h"
@@ -43,7 +44,8 @@ class datapath {
     void packets_end(); // no further frame follows for now
     void ports_refresh();
 
-    void timeouts_turn(nanoseconds now);
+    /* What has to be looked at from time to time: time-outs, and ports that were changed from outside. */
+    void turn(nanoseconds now);
 
     /* What sessions ask. */
     of10::features_reply features();
@@ -64,6 +66,7 @@ class datapath {
     ports known_ports;
     packet_io packets;
     const datapath_identity identity;
+    event_feed feed;
 
   private:
     // Stands in for the controllers, which are made after the datapath.
@@ -76,7 +79,9 @@ class datapath {
         void packets_send() override;
     };
 
+    std::optional<refusal> port_config_apply(uint16_t number, uint32_t changed, uint32_t wanted);
     void tell_port(of10::port_reason reason, const of10::phy_port &port);
+    void tell_flow(const flow &one, const char *what, const char *why) const;
     void tell_removed(const flow &one, of10::flow_removed_reason reason, const rules::counts &last);
 
     audience_link audience_;

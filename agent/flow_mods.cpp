@@ -15,8 +15,22 @@ namespace failed = of10::flow_mod_failed;
 using of10::error_type;
 using of10::flow_mod_command;
 
+constexpr uint64_t no_cookie = UINT64_MAX; // in a modify: leave it as it is
+
 refusal refuse(uint16_t code, const char *reason) {
     return {error_type::flow_mod_failed, code, reason};
+}
+
+const char *name_of(of10::flow_removed_reason reason) {
+    switch (reason) {
+    case of10::flow_removed_reason::idle_timeout:
+        return "idle time-out";
+    case of10::flow_removed_reason::hard_timeout:
+        return "hard time-out";
+    case of10::flow_removed_reason::del:
+        break;
+    }
+    return "deleted";
 }
 
 // What a flow takes over from the request that makes it, or makes it anew.
@@ -98,6 +112,8 @@ void flow_mods::flush(const refused_handler &on_refused) {
         if (additions[i].refused) {
             drop_from_table(*flushed[i].target);
             on_refused(flushed[i].token, *additions[i].refused);
+        } else {
+            on_change_(*flushed[i].target, "added", "");
         }
     }
 }
@@ -169,6 +185,7 @@ std::optional<refusal> flow_mods::add_again(flow &existing, of10::flow_mod &&req
     // Identity stays, byte by byte: the index holds a pointer to the key.
     flow_fill(existing, std::move(request), now);
     table_.changed();
+    on_change_(existing, "added", "in place of the same flow");
     return {};
 }
 
@@ -207,8 +224,12 @@ std::optional<refusal> flow_mods::modify(of10::flow_mod &&request, bool strict, 
             return refused;
         }
         targets[i]->actions = request.actions;
-        targets[i]->cookie = request.cookie;
+        // As Open vSwitch does under this version of the protocol, which leaves it open; all ones: none was given.
+        if (request.cookie != no_cookie) {
+            targets[i]->cookie = request.cookie;
+        }
         table_.changed();
+        on_change_(*targets[i], "modified", "");
     }
     return {};
 }
@@ -252,6 +273,7 @@ bool flow_mods::end_flows(std::span<flow *const> flows, of10::flow_removed_reaso
         }
         rules_.priorities().release(flows[i]->rank);
         const std::unique_ptr<flow> ended = table_.erase(*flows[i]);
+        on_change_(*ended, "removed", name_of(reason));
         if ((ended->flags & of10::flow_mod_flag::send_flow_rem) != 0) {
             const flow *const one = ended.get();
             const rules::counts last = one->is_counted ? rules::counts{one->earlier_packets, one->earlier_bytes}

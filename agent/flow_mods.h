@@ -25,6 +25,8 @@ class flow_mods {
   public:
     /* Told of each flow that goes and has asked for it (SEND_FLOW_REM); the counts are the last ones. */
     using removed_handler = std::function<void(const flow &, of10::flow_removed_reason, const rules::counts &)>;
+    /* Told of everything that happens to a flow, in words, after it has happened; `why` may be empty. */
+    using watcher = std::function<void(const flow &, const char *what, const char *why)>;
     /* Told of each request that is refused; `token` is the one that came with it. */
     using refused_handler = std::function<void(uint64_t token, const refusal &)>;
 
@@ -32,6 +34,10 @@ class flow_mods {
         : table_(table), rules_(programmed), on_removed_(std::move(on_removed)) {}
     flow_mods(const flow_mods &) = delete;
     flow_mods &operator=(const flow_mods &) = delete;
+
+    void watch(watcher on_change) {
+        on_change_ = std::move(on_change);
+    }
 
     void submit(of10::flow_mod &&request, uint64_t token, const refused_handler &on_refused, nanoseconds now);
     void flush(const refused_handler &on_refused);
@@ -75,6 +81,7 @@ class flow_mods {
     flow_table &table_;
     rules &rules_;
     removed_handler on_removed_;
+    watcher on_change_ = [](const flow &, const char *, const char *) {};
     port_lists ports_;
     std::vector<pending_add> pending_;
 };

@@ -3,12 +3,16 @@
  */
 #include "hardware.h"
 
+#include <algorithm>
+#include <array>
 #include <cstring>
+#include <iterator>
 
 namespace agent {
 namespace {
 
 constexpr uint32_t table = 0;
+constexpr size_t max_group_ports = 100; // of the library
 
 uint32_t count_of(size_t size) {
     return static_cast<uint32_t>(size);
@@ -62,6 +66,19 @@ kr_sdn_hal_status hardware::group_create(std::span<const uint16_t> ports, uint32
 
 kr_sdn_hal_status hardware::group_delete(uint32_t group_id) {
     return kr_sdn_hal_table_mcast_group_set(KR_SDN_HAL_GROUP_DELETE, 0, nullptr, &group_id);
+}
+
+kr_sdn_hal_status hardware::group_read(uint32_t group_id, std::vector<uint16_t> *ports) {
+    std::array<uint32_t, max_group_ports> wide;
+    auto count = static_cast<uint32_t>(wide.size());
+    const kr_sdn_hal_status status = kr_sdn_hal_table_mcast_group_get(group_id, &count, wide.data());
+    ports->clear();
+    if (status == KR_SDN_HAL_STATUS_SUCCESS) {
+        std::transform(wide.begin(), wide.begin() + count, std::back_inserter(*ports),
+                       [](uint32_t port) { return static_cast<uint16_t>(port); });
+        std::sort(ports->begin(), ports->end());
+    }
+    return status;
 }
 
 } // namespace agent

@@ -11,6 +11,7 @@
 
 #include "controllers.h"
 #include "datapath.h"
+#include "platform_view.h"
 
 namespace agent {
 
@@ -18,9 +19,11 @@ struct flow_view {
     of10::flow_match match;
     uint16_t priority;
     uint64_t cookie;
+    uint16_t idle_timeout, hard_timeout, flags;
     of10::action_list actions;
     uint64_t packets, bytes; // of10::counter_unknown where no counter keeps them
     uint64_t rule_id;        // 0: no rule, for no frame could match it
+    uint32_t rule_action;    // a FLOW_ACTION_*
     bool has_counter;
     nanoseconds age, idle;
 };
@@ -35,6 +38,7 @@ struct counters_view {
     packet_counts packets;
     rule_counts rules;
     uint64_t packet_ins_dropped; // because a controller did not read
+    uint64_t untold;             // FLOW_REMOVED and PORT_STATUS while no controller was connected
 };
 
 struct audit_finding {
@@ -46,8 +50,18 @@ std::vector<flow_view> introspect_flows(datapath &of, nanoseconds now);
 std::vector<group_view> introspect_groups(const datapath &of);
 counters_view introspect_counters(const datapath &of, const controllers &connected);
 
-/* Compares the database with hardware, rule by rule; empty: they agree. */
-std::vector<audit_finding> introspect_audit(datapath &of);
+struct audit_view {
+    std::vector<audit_finding> findings; // empty: all agree
+    size_t flow_count, rule_count, group_count;
+    bool has_platform; // false: the library's database and the resource manager could not be looked at
+};
+
+/*
+ * Compares, rule by rule: what the daemon has of its flows, the rules of its own and the groups, with what the library
+ * reads back; and, where there is an inspector for the platform, both with the library's flows database and the
+ * rules in the resource manager.
+ */
+audit_view introspect_audit(datapath &of, const platform_view &platform);
 
 } // namespace agent
 

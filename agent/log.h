@@ -6,6 +6,8 @@
 #define KR_AGENT_LOG_H
 
 #include <cstdint>
+#include <string>
+#include <vector>
 
 namespace agent {
 
@@ -18,6 +20,18 @@ __attribute__((format(printf, 2, 3))) void log(log_level level, const char *form
 
 /* The library's log callback: any thread may call it. */
 void log_from_library(uint32_t severity, const char *module, const char *text);
+
+/*
+ * The modules of the log: the daemon's own, "agent", and those of the library whose verbosity can be set. A module of
+ * the library that was given a level here is heard down to that level, whatever the daemon's own level is.
+ */
+struct log_module {
+    const char *name;
+    const char *level; // its name
+};
+std::vector<log_module> log_modules();
+/* False, and why, for a module or a level that does not exist. */
+bool log_module_set(const std::string &module, const std::string &level, std::string *why);
 
 /* While one of these lives, what the library says on this thread is not logged: for questions that may be refused. */
 class log_silence {

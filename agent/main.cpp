@@ -20,8 +20,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "control_commands.h"
 #include "controllers.h"
 #include "log.h"
+#include "module_place.h"
 #include "notify.h"
 #include "options.h"
 #include "switch_link.h"
@@ -121,7 +123,7 @@ class daemon_process {
     bool prepare(std::string *why) {
         const tls_files &files = options_.tls;
         if (!files.private_key.empty() || !files.certificate.empty() || !files.ca_certificate.empty()) {
-            tls_ = tls_context::open(files, why);
+            tls_ = tls_context_open(files, why);
             if (tls_ == nullptr) {
                 return false;
             }
@@ -136,6 +138,9 @@ class daemon_process {
             here.port = default_openflow_port;
             options_.endpoints.push_back(here);
         }
+        if (!platform_.load(options_.inspector, why) || !open_control(why)) {
+            return false;
+        }
         for (const endpoint &where : options_.endpoints) {
             if (!where.is_listening) {
                 controllers_->connect(where);
@@ -144,6 +149,23 @@ class daemon_process {
             }
         }
         return true;
+    }
+
+    // In the usual place it is a convenience, and no reason not to start.
+    bool open_control(std::string *why) {
+        if (options_.control == "none") {
+            return true;
+        }
+        control_.emplace(loop_, datapath_, *controllers_, platform_);
+        if (control_->open(options_.control, why)) {
+            log(log_level::notice, "krsdnctl is answered on %s", control_->path().c_str());
+            return true;
+        }
+        control_.reset();
+        if (options_.control.empty()) {
+            log(log_level::warning, "no control socket: %s", why->c_str());
+        }
+        return options_.control.empty();
     }
 
     void settled() {
@@ -179,7 +201,7 @@ class daemon_process {
     }
 
     void turn() {
-        datapath_.timeouts_turn(clock_now());
+        datapath_.turn(clock_now());
         turn_.start(timeout_turn);
     }
 
@@ -191,6 +213,7 @@ class daemon_process {
         log(log_level::notice, "%s: stopping", strsignal(static_cast<int>(what.ssi_signo)));
         service_notify("STOPPING=1");
         turn_.stop();
+        control_.reset();
         controllers_->stop();
         datapath_.shut_down();
         link_.stop();
@@ -205,6 +228,8 @@ class daemon_process {
     datapath datapath_;
     std::unique_ptr<tls_context> tls_;
     std::optional<controllers> controllers_;
+    platform_view platform_;
+    std::optional<control_commands> control_;
     timer turn_;
     std::vector<endpoint> named_; // by the connector
     bool follows_connector_ = false;
@@ -223,6 +248,8 @@ int main_of(int argument_count, char **arguments) {
                    stdout);
         return 0;
     }
+    given.connector = given.connector.empty() ? module_place("connector.so") : given.connector;
+    given.port_plugin = given.port_plugin.empty() ? module_place("fpt_linux.so") : given.port_plugin;
     log_level_set(given.verbosity);
     // Small: the threads of the library allocate little, and what a large reply has taken goes back.
     mallopt(M_ARENA_MAX, 2);

@@ -80,6 +80,14 @@ std::string set_log(options &into, const std::string &value) {
     return {};
 }
 
+std::string set_control(options &into, const std::string &value) {
+    if (value.empty() || value.size() >= sizeof(sockaddr_un::sun_path)) {
+        return "a path of 1 to " + std::to_string(sizeof(sockaddr_un::sun_path) - 1) + " characters is expected";
+    }
+    into.control = value;
+    return {};
+}
+
 struct setting {
     const char *name;
     const char *value; // what it is, for people
@@ -100,6 +108,10 @@ constexpr setting settings[] = {
     {"connector-control", "SOCKET",
      [](options &into, const std::string &value) { return set_path(into.connector_control, value); },
      "control socket of the reference connector (default: a private one)"},
+    {"control", "SOCKET", set_control,
+     "socket for krsdnctl (default: control in $RUNTIME_DIRECTORY or /run/krsdn); none: no socket"},
+    {"inspector", "FILE", [](options &into, const std::string &value) { return set_path(into.inspector, value); },
+     "module that looks into the platform for krsdnctl"},
     {"datapath-id", "HEX", set_datapath_id, "datapath id (default: the address of the first port)"},
     {"description", "TEXT",
      [](options &into, const std::string &value) {

@@ -20,10 +20,12 @@ namespace agent {
 
 struct options {
     std::vector<endpoint> endpoints; // in the order in which they were given
-    std::string connector = "/usr/lib/krsdnhal/connector.so";
-    std::string port_plugin = "/usr/lib/krsdnhal/fpt_linux.so";
-    std::string connector_config;  // empty: the connector's own default
-    std::string connector_control; // empty: a socket of the daemon's own
+    std::string connector;           // empty: the one that came with the daemon
+    std::string port_plugin;         // the same
+    std::string connector_config;    // empty: the connector's own default
+    std::string connector_control;   // empty: a socket of the daemon's own
+    std::string control;             // socket for krsdnctl; empty: the usual place; "none": there is none
+    std::string inspector;           // empty: the usual one, if it is there
     std::optional<uint64_t> datapath_id;
     std::string description = "krsdn-ofagentd";
     tls_files tls;

@@ -24,6 +24,7 @@ refusal refuse(of10::error_type type, uint16_t code, const char *reason) {
 // A number is the slot in its low eight bits and, above, a count of how often the slots were gone through.
 uint32_t packet_buffers::keep(of10::byte_view frame, uint16_t in_port) {
     entry &slot = entries_[next_ % count];
+    overwritten_ += slot.id != of10::buffer_none && !slot.was_used ? 1 : 0;
     slot.id = next_;
     slot.in_port = in_port;
     slot.was_used = false;
@@ -52,11 +53,14 @@ std::variant<packet_buffers::entry, refusal> packet_buffers::take(uint32_t id) {
 
 void packet_io::received(const hal_event_packet &packet, of10::packet_in_reason reason) {
     counts_.received++;
+    const auto in_port = static_cast<uint16_t>(packet.in_port);
+    if (watch) {
+        watch(in_port, true, {packet.data, std::min<size_t>(packet.length, sizeof packet.data)});
+    }
     if (!audience_.has_any()) {
         counts_.no_controller++;
         return;
     }
-    const auto in_port = static_cast<uint16_t>(packet.in_port);
     const of10::phy_port *port = ports_.find(in_port);
     if (port != nullptr && (port->config & of10::port_config::no_packet_in) != 0) {
         counts_.no_packet_in++;
@@ -221,6 +225,9 @@ void packet_io::output_port(const work &job, uint16_t number) {
         return;
     }
     const bool is_sent = send_(number, job.frame);
+    if (watch && is_sent) {
+        watch(number, false, job.frame);
+    }
     (is_sent ? counts_.sent : counts_.send_failed)++;
 }
 

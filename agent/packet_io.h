@@ -33,16 +33,21 @@ class packet_buffers {
     uint32_t keep(of10::byte_view frame, uint16_t in_port);
     /* Takes a frame out, or says which error its number deserves. */
     std::variant<entry, refusal> take(uint32_t id);
+    uint64_t overwritten() const {
+        return overwritten_;
+    }
 
   private:
     std::array<entry, count> entries_;
     uint32_t next_ = 0;
+    uint64_t overwritten_ = 0;
 };
 
 struct packet_counts {
     uint64_t received = 0;      // frames from the switch
     uint64_t no_controller = 0; // dropped: nobody is connected
     uint64_t no_packet_in = 0;  // dropped: the port's configuration says so
+    uint64_t overwritten = 0;   // kept frames that gave way before a controller asked for them
     uint64_t sent = 0;          // frames into the switch
     uint64_t send_failed = 0;
 };
@@ -65,9 +70,15 @@ class packet_io {
     /* A flow-mod names a kept frame: it is treated as the flow's actions say. */
     std::optional<refusal> release(uint32_t buffer_id, const of10::action_list &actions);
 
-    const packet_counts &counts() const {
-        return counts_;
+    packet_counts counts() const {
+        packet_counts all = counts_;
+        all.overwritten = buffers_.overwritten();
+        return all;
     }
+
+    /* Sees every frame that comes from the switch or goes into it; unset: nobody looks. */
+    using tap = std::function<void(uint16_t port, bool is_from_switch, of10::byte_view frame)>;
+    tap watch;
 
   private:
     struct work {

@@ -15,14 +15,25 @@ namespace feature = of10::port_feature;
 
 struct speed_bit {
     uint32_t speed_mbit, capability, feature;
+    int32_t port_speed_admin::*flag; // null: the library has none
 };
 // OpenFlow 1.0 has no words for 40 and 100 Gbit/s.
 constexpr speed_bit speed_bits[] = {
-    {10, 0, feature::speed_10mb_fd},
-    {100, 0, feature::speed_100mb_fd},
-    {1000, PORT_SPEED_CAPABILITY_1G, feature::speed_1gb_fd},
-    {10000, PORT_SPEED_CAPABILITY_10G, feature::speed_10gb_fd},
+    {10, 0, feature::speed_10mb_fd, nullptr},
+    {100, 0, feature::speed_100mb_fd, nullptr},
+    {1000, PORT_SPEED_CAPABILITY_1G, feature::speed_1gb_fd, &port_speed_admin::speed_1g},
+    {10000, PORT_SPEED_CAPABILITY_10G, feature::speed_10gb_fd, &port_speed_admin::speed_10g},
 };
+
+struct named_config {
+    uint32_t bit;
+    const char *name;
+};
+constexpr named_config config_names[] = {{of10::port_config::port_down, "down"},
+                                         {of10::port_config::no_recv, "no-receive"},
+                                         {of10::port_config::no_flood, "no-flood"},
+                                         {of10::port_config::no_fwd, "no-forward"},
+                                         {of10::port_config::no_packet_in, "no-packet-in"}};
 
 void read_speeds(of10::phy_port &port) {
     const log_silence silence; // many kinds of interface have no speed to tell
@@ -32,6 +43,13 @@ void read_speeds(of10::phy_port &port) {
     if (kr_sdn_hal_port_speed_get(port.port_no, nullptr, &speed) == KR_SDN_HAL_STATUS_SUCCESS) {
         for (const speed_bit &one : speed_bits) {
             port.curr |= speed == one.speed_mbit ? one.feature : 0;
+        }
+    }
+    port_speed_admin offered{};
+    if (kr_sdn_hal_port_speed_get(port.port_no, &offered, nullptr) == KR_SDN_HAL_STATUS_SUCCESS) {
+        port.advertised = 0;
+        for (const speed_bit &one : speed_bits) {
+            port.advertised |= one.flag != nullptr && offered.*one.flag != 0 ? one.feature : 0;
         }
     }
     if (kr_sdn_hal_port_speed_capability_get(port.port_no, &capability) == KR_SDN_HAL_STATUS_SUCCESS) {
@@ -107,6 +125,36 @@ const of10::phy_port *ports::refresh(uint16_t number) {
     return found->second == before ? nullptr : &found->second;
 }
 
+bool ports::refresh_states(of10::phy_port &port) {
+    const log_silence silence; // its interface may be gone, again and again, until the connector removes the port
+    const uint32_t config = port.config;
+    const uint32_t state = port.state;
+    read_states(port);
+    if (port.config == config && port.state == state) {
+        return false;
+    }
+    read_speeds(port);
+    return true;
+}
+
+bool ports::set_advertised(uint16_t number, uint32_t features) {
+    const log_silence silence; // it may be refused
+    port_speed_admin offered{};
+    // Speeds that OpenFlow 1.0 has no words for stay as they are.
+    (void)!kr_sdn_hal_port_speed_get(number, &offered, nullptr);
+    for (const speed_bit &one : speed_bits) {
+        if (one.flag != nullptr) {
+            offered.*one.flag = (features & one.feature) != 0 ? 1 : 0;
+            features &= ~one.feature;
+        }
+    }
+    if (features != 0 || kr_sdn_hal_port_speed_set(number, &offered) != KR_SDN_HAL_STATUS_SUCCESS) {
+        return false;
+    }
+    (void)refresh(number);
+    return true;
+}
+
 bool ports::set_down(uint16_t number, bool is_down) {
     return kr_sdn_hal_port_state_set(number, is_down ? PORT_ADMIN_DOWN : PORT_ADMIN_UP) == KR_SDN_HAL_STATUS_SUCCESS;
 }
@@ -116,6 +164,16 @@ void ports::set_config(uint16_t number, uint32_t config) {
     if (found != ports_.end()) {
         found->second.config = config;
     }
+}
+
+std::string port_config_text(uint32_t config) {
+    std::string text;
+    for (const named_config &one : config_names) {
+        if ((config & one.bit) != 0) {
+            text += (text.empty() ? "" : ", ") + std::string(one.name);
+        }
+    }
+    return text;
 }
 
 port_lists ports::lists() const {

@@ -43,6 +43,22 @@ class ports {
     /* Reads a port's states again: what may have been missed. Null if nothing has changed. */
     const of10::phy_port *refresh(uint16_t number);
 
+    /* The same, round by round, for `count` ports at a time; calls back for each that has changed. What goes on at a
+     * port without its link changing comes as no event. */
+    template <typename Changed> void refresh_next(size_t count, Changed changed) {
+        auto next = ports_.lower_bound(next_refreshed_);
+        for (; next != ports_.end() && count > 0; ++next, count--) {
+            if (refresh_states(next->second)) {
+                changed(next->second);
+            }
+        }
+        next_refreshed_ = next == ports_.end() ? 0 : next->first;
+    }
+
+    /* Sets what a port offers its peer: bits of port_feature. False, and nothing has changed, where the bits name
+     * something that can't be offered or the library refuses. */
+    bool set_advertised(uint16_t number, uint32_t features);
+
     /* Takes a port up or down in hardware, as its configuration shall say. False if the library refuses. */
     bool set_down(uint16_t number, bool is_down);
     /* Notes configuration bits. */
@@ -54,8 +70,14 @@ class ports {
     static of10::port_stats read_stats(uint16_t number);
 
   private:
+    static bool refresh_states(of10::phy_port &port);
+
     std::map<uint16_t, of10::phy_port> ports_;
+    uint16_t next_refreshed_ = 0;
 };
+
+/* The bits of a port's configuration that are set, in words: "down, no-flood". */
+std::string port_config_text(uint32_t config);
 
 } // namespace agent
 

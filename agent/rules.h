@@ -91,6 +91,14 @@ class rules {
         return groups_;
     }
 
+    /* The daemon's own rules, by port. */
+    const std::map<uint16_t, installed_rule> &ingress_drops() const {
+        return drops_;
+    }
+    uint32_t counters_used() const {
+        return counters_used_;
+    }
+
     /* The switch was stopped, and took every rule with it: forgets them, and removes the groups, which stayed. */
     void forget_all();
 

@@ -25,8 +25,8 @@ refusal bad_request(uint16_t code, const char *reason) {
 } // namespace
 
 session::session(event_loop &loop, std::unique_ptr<stream> bytes, datapath &switch_state, std::string name,
-                 nanoseconds probe, closed_handler on_closed)
-    : datapath_(switch_state), name_(std::move(name)), on_closed_(std::move(on_closed)),
+                 nanoseconds probe, handlers on)
+    : datapath_(switch_state), name_(std::move(name)), on_(std::move(on)),
       connection_(loop, std::move(bytes), *this, probe) {}
 
 /* ---- the connection -------------------------------------------------------------------------------------------- */
@@ -38,7 +38,7 @@ void session::connection_open(connection &) {
 void session::connection_closed(connection &, const std::string &why) {
     log(log_level::notice, "%s: %s", name_.c_str(), why.c_str());
     gathered_.clear();
-    on_closed_(*this);
+    on_.closed(*this, why);
 }
 
 void session::connection_silent(connection &) {
@@ -159,6 +159,7 @@ void session::handle(const request &, of10::hello &) {
         is_ready_ = true;
         const std::string peer = connection_.bytes().peer();
         log(log_level::notice, "%s: connected%s%s", name_.c_str(), peer.empty() ? "" : " as ", peer.c_str());
+        on_.ready(*this);
     }
 }
 

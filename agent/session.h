@@ -16,10 +16,13 @@ namespace agent {
 
 class session final : public connection_handler {
   public:
-    using closed_handler = std::function<void(session &)>;
+    struct handlers {
+        std::function<void(session &)> ready;
+        std::function<void(session &, const std::string &why)> closed;
+    };
 
     session(event_loop &loop, std::unique_ptr<stream> bytes, datapath &switch_state, std::string name,
-            nanoseconds probe, closed_handler on_closed);
+            nanoseconds probe, handlers on);
 
     void start() {
         connection_.start();
@@ -97,7 +100,7 @@ class session final : public connection_handler {
 
     datapath &datapath_;
     const std::string name_;
-    closed_handler on_closed_;
+    handlers on_;
     of10::set_config config_; // as the controller has set it
     bool is_ready_ = false;
     std::vector<of10::byte_view> gathered_; // the flow-mods of this turn, for their errors

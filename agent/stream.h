@@ -10,8 +10,6 @@
 #include <span>
 #include <string>
 
-struct ssl_ctx_st;
-
 namespace agent {
 
 class unique_fd {
@@ -83,19 +81,21 @@ struct tls_files {
 /* Keys and trust for all TLS connections of the daemon. Both sides have to show a certificate of the given CA. */
 class tls_context {
   public:
-    /* Null, and why, if a file can't be read or key and certificate do not belong together. */
-    static std::unique_ptr<tls_context> open(const tls_files &files, std::string *why);
-    ~tls_context();
-    tls_context(const tls_context &) = delete;
-    tls_context &operator=(const tls_context &) = delete;
+    virtual ~tls_context() = default;
 
-    /* `is_server`: the side that was connected to. */
-    std::unique_ptr<stream> wrap(unique_fd socket, bool is_server) const;
-
-  private:
-    explicit tls_context(ssl_ctx_st *context) : context_(context) {}
-    ssl_ctx_st *context_;
+    /* `is_server`: the side that was connected to. Null: there is no memory. */
+    virtual std::unique_ptr<stream> wrap(unique_fd socket, bool is_server) const = 0;
 };
+
+/*
+ * Null, and why, if a file can't be read or key and certificate do not belong together. TLS is a module of its own,
+ * loaded here: without it the daemon is a megabyte and a half smaller.
+ */
+std::unique_ptr<tls_context> tls_context_open(const tls_files &files, std::string *why);
+
+/* The one symbol of that module; a plain pointer, for the caller to own. */
+inline constexpr const char *tls_module_symbol = "krsdn_tls_open";
+using tls_module_open = tls_context *(const tls_files &files, std::string *why);
 
 } // namespace agent
 

@@ -1,6 +1,6 @@
 /*
  * TLS streams over OpenSSL: version 1.2 or later, and a peer without a certificate of the configured CA is turned away
- * on both sides. Nothing of OpenSSL is touched before the first context is opened.
+ * on both sides. A module of its own, so that a daemon without TLS does not carry OpenSSL along.
  */
 #include <cerrno>
 #include <cstring>
@@ -127,38 +127,48 @@ bool context_load(SSL_CTX *context, const tls_files &files, std::string *why) {
     return true;
 }
 
+class openssl_context final : public tls_context {
+  public:
+    explicit openssl_context(SSL_CTX *context) : context_(context) {}
+    ~openssl_context() override {
+        SSL_CTX_free(context_);
+    }
+    openssl_context(const openssl_context &) = delete;
+    openssl_context &operator=(const openssl_context &) = delete;
+
+    std::unique_ptr<stream> wrap(unique_fd socket, bool is_server) const override {
+        SSL *const ssl = SSL_new(context_);
+        if (ssl == nullptr || SSL_set_fd(ssl, socket.get()) != 1) {
+            SSL_free(ssl);
+            return nullptr;
+        }
+        if (is_server) {
+            SSL_set_accept_state(ssl);
+        } else {
+            SSL_set_connect_state(ssl);
+        }
+        return std::make_unique<tls_stream>(std::move(socket), ssl);
+    }
+
+  private:
+    SSL_CTX *context_;
+};
+
 } // namespace
 
-std::unique_ptr<tls_context> tls_context::open(const tls_files &files, std::string *why) {
+extern "C" __attribute__((visibility("default"))) tls_context *krsdn_tls_open(const tls_files &files,
+                                                                              std::string *why) {
     SSL_CTX *const context = SSL_CTX_new(TLS_method());
     if (context == nullptr) {
         *why = openssl_text();
         return nullptr;
     }
-    std::unique_ptr<tls_context> opened(new tls_context(context));
+    auto opened = std::make_unique<openssl_context>(context);
     SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
     SSL_CTX_set_mode(context, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
     SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
     SSL_CTX_set_verify(context, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
-    return context_load(context, files, why) ? std::move(opened) : nullptr;
-}
-
-tls_context::~tls_context() {
-    SSL_CTX_free(context_);
-}
-
-std::unique_ptr<stream> tls_context::wrap(unique_fd socket, bool is_server) const {
-    SSL *const ssl = SSL_new(context_);
-    if (ssl == nullptr || SSL_set_fd(ssl, socket.get()) != 1) {
-        SSL_free(ssl);
-        return nullptr;
-    }
-    if (is_server) {
-        SSL_set_accept_state(ssl);
-    } else {
-        SSL_set_connect_state(ssl);
-    }
-    return std::make_unique<tls_stream>(std::move(socket), ssl);
+    return context_load(context, files, why) ? opened.release() : nullptr;
 }
 
 } // namespace agent

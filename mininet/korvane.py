@@ -61,7 +61,7 @@ class Korvane(Switch):
         with open(self.path("log"), "wb") as log:
             self.agent = self.popen(
                 *agent_command(), "--connector-config", self.path("ports.conf"),
-                "--connector-control", self.path("connector"), "--datapath-id", self.dpid, "--description", self.name,
+                "--connector-control", self.path("connector"), "--control", self.path("control"), "--datapath-id", self.dpid, "--description", self.name,
                 *self.opts.split(), f"punix:{self.path('openflow')}", *endpoints, stdout=log, stderr=log,
                 env=dict(os.environ, NOTIFY_SOCKET=self.path("notices")))
 

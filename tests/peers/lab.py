@@ -242,7 +242,7 @@ class Agent(Process):
         super().__init__("agent", f"{build}/agent/krsdn-ofagentd",
                          "--connector", f"{build}/plugins/connector/connector.so",
                          "--port-plugin", f"{build}/plugins/fpt_linux/fpt_linux.so",
-                         "--connector-config", ports, "--datapath-id", "00000000000000a1", *endpoints,
+                         "--control", os.path.join(FOLDER, "control"), "--connector-config", ports, "--datapath-id", "00000000000000a1", *endpoints,
                          env=dict(os.environ, NOTIFY_SOCKET=os.path.join(FOLDER, "notify")))
         assert self.notices.recv(64) == b"READY=1", self.log()
         for host in hosts:

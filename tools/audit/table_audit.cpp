@@ -21,6 +21,8 @@ namespace {
 
 constexpr int attempt_count = 100;
 
+enum class scope { everything, in_service };
+
 // The views, as they were at one moment.
 struct views {
     std::vector<psort_entry> places;                  // by index
@@ -93,10 +95,16 @@ void places_check(const views &all, findings *found) {
     }
 }
 
-void rules_check(const views &all, findings *found) {
+// Every rule has to belong to somebody: to a place, or, where places were not read, to a slot of the flows database.
+void rules_check(const views &all, scope what, findings *found) {
     std::set<uint32_t> taken, counters;
     for (const psort_entry &place : all.places) {
         taken.insert(place.index);
+    }
+    if (what == scope::in_service) {
+        for (const auto &[id, flow] : all.flows) {
+            taken.insert(static_cast<uint32_t>(flow.offset));
+        }
     }
     for (const auto &[offset, rule] : all.rules) {
         if (!taken.contains(offset)) {
@@ -108,20 +116,41 @@ void rules_check(const views &all, findings *found) {
     }
 }
 
-void flow_check(const views &all, const flow_entry &flow, findings *found) {
-    const auto offset = static_cast<uint32_t>(flow.offset);
-    const auto note = [&](finding_kind kind) { found->push_back({kind, flow.flow_id, offset}); };
+// Without the placement library: rules in order of offset may not rise in priority.
+void order_check(const views &all, findings *found) {
+    std::map<uint64_t, const flow_entry *> by_offset;
+    for (const auto &[id, flow] : all.flows) {
+        by_offset[flow.offset] = &flow;
+    }
+    const flow_entry *before = nullptr;
+    for (const auto &[offset, flow] : by_offset) {
+        if (before != nullptr && before->priority < flow->priority) {
+            found->push_back({finding_kind::order_broken, flow->flow_id, static_cast<uint32_t>(offset)});
+        }
+        before = flow;
+    }
+}
+
+void flow_place_check(const views &all, const flow_entry &flow, findings *found) {
+    const auto note = [&](finding_kind kind) {
+        found->push_back({kind, flow.flow_id, static_cast<uint32_t>(flow.offset)});
+    };
     const auto place = all.place_of.find(flow.flow_id);
     if (place == all.place_of.end()) {
         note(finding_kind::flow_without_place);
-    } else {
-        if (place->second->index != flow.offset) {
-            note(finding_kind::offset_differs);
-        }
-        if (place->second->priority != flow.priority) {
-            note(finding_kind::priority_differs);
-        }
+        return;
     }
+    if (place->second->index != flow.offset) {
+        note(finding_kind::offset_differs);
+    }
+    if (place->second->priority != flow.priority) {
+        note(finding_kind::priority_differs);
+    }
+}
+
+void flow_check(const views &all, const flow_entry &flow, findings *found) {
+    const auto offset = static_cast<uint32_t>(flow.offset);
+    const auto note = [&](finding_kind kind) { found->push_back({kind, flow.flow_id, offset}); };
     const flows_db_slot &slot = acl_flows_db.slots[std::min<uint64_t>(flow.offset, FLOWS_DB_MAX_SIZE - 1)];
     if (slot.valid == 0 || slot.flow_id != flow.flow_id) {
         note(finding_kind::slot_differs);
@@ -193,10 +222,10 @@ void read_back_check(const views &all, const flow_entry &entry, findings *found)
     }
 }
 
-report audit_once(uint32_t acl_id) {
+report audit_once(uint32_t acl_id, scope what) {
     report result{};
     views all;
-    if (!acl_find(&acl_id) || !places_read(&all) || !rules_read(acl_id, &all)) {
+    if (!acl_find(&acl_id) || (what == scope::everything && !places_read(&all)) || !rules_read(acl_id, &all)) {
         return result;
     }
     flows_read(&all);
@@ -204,9 +233,16 @@ report audit_once(uint32_t acl_id) {
     result.flow_count = static_cast<uint32_t>(all.flows.size());
     result.place_count = static_cast<uint32_t>(all.places.size());
     result.rule_count = static_cast<uint32_t>(all.rules.size());
-    places_check(all, &result.findings);
-    rules_check(all, &result.findings);
+    if (what == scope::everything) {
+        places_check(all, &result.findings);
+    } else {
+        order_check(all, &result.findings);
+    }
+    rules_check(all, what, &result.findings);
     for (const auto &[id, flow] : all.flows) {
+        if (what == scope::everything) {
+            flow_place_check(all, flow, &result.findings);
+        }
         flow_check(all, flow, &result.findings);
         read_back_check(all, flow, &result.findings);
     }
@@ -214,6 +250,14 @@ report audit_once(uint32_t acl_id) {
         result.findings.push_back({finding_kind::count_differs, 0, 0});
     }
     return result;
+}
+
+// Waits for the background thread, if it is at work: what it has moved in hardware is in the flows database then.
+void background_wait() {
+    uint64_t no_flow = 0;
+    uint32_t count = 1;
+    flow_record unused{};
+    (void)!kr_sdn_hal_table_entry_get(0, 0, &no_flow, &count, &unused);
 }
 
 } // namespace
@@ -224,7 +268,7 @@ report audit_table(uint32_t acl_id) {
     }
     for (int attempt = 0; attempt < attempt_count; attempt++) {
         const uint64_t moves = block_move_count();
-        const report result = audit_once(acl_id);
+        const report result = audit_once(acl_id, scope::everything);
         if (block_move_count() == moves) {
             return result;
         }
@@ -232,14 +276,36 @@ report audit_table(uint32_t acl_id) {
     return {};
 }
 
-std::string to_text(const finding &found) {
+// A move may begin between waiting and looking; so what is found has to be found twice.
+report audit_table_in_service() {
+    report last{};
+    for (int attempt = 0; acl_flows_db.initialized != 0 && attempt < attempt_count; attempt++) {
+        background_wait();
+        const uint64_t moves = block_move_count();
+        report now = audit_once(0, scope::in_service);
+        if (block_move_count() != moves) {
+            continue;
+        }
+        if (!now.is_complete || now.findings.empty() || (last.is_complete && now.findings == last.findings)) {
+            return now;
+        }
+        last = std::move(now);
+    }
+    return {};
+}
+
+const char *text_of(finding_kind kind) {
     constexpr const char *texts[] = {
 #define X(name, text) text,
         KR_AUDIT_FINDINGS(X)
 #undef X
     };
+    return texts[static_cast<size_t>(kind)];
+}
+
+std::string to_text(const finding &found) {
     const std::string who = found.flow_id != 0 ? "flow " + std::to_string(found.flow_id) + " " : "";
-    return "offset " + std::to_string(found.offset) + ": " + who + texts[static_cast<size_t>(found.kind)];
+    return "offset " + std::to_string(found.offset) + ": " + who + text_of(found.kind);
 }
 
 } // namespace kr_audit

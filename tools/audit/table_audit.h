@@ -44,6 +44,7 @@ struct finding {
     finding_kind kind;
     uint64_t flow_id;
     uint32_t offset;
+    bool operator==(const finding &) const = default;
 };
 
 struct report {
@@ -55,8 +56,13 @@ struct report {
 // Audits Table 0, whose rules are in the ACL `acl_id`; 0: in the only ACL that there is.
 report audit_table(uint32_t acl_id = 0);
 
-// One line for a person.
+// The same without the placement library's table, which may not be looked at while its background thread is at work:
+// for a switch that is in service.
+report audit_table_in_service();
+
+// One line for a person, and its part that says what is wrong.
 std::string to_text(const finding &found);
+const char *text_of(finding_kind kind);
 
 } // namespace kr_audit
 

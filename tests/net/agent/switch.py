@@ -57,7 +57,12 @@ class Cable:
         self.socket.close()
 
     def send(self, frame):
-        self.socket.send(frame)
+        try:
+            self.socket.send(frame)
+        except OSError as error:
+            if error.errno != errno.ENETDOWN:  # told once after the link was down
+                raise
+            self.socket.send(frame)
 
     def receive(self, timeout=10):
         """The next frame that came out of the switch, its tag where it was on the wire; None: none came in time."""
@@ -83,7 +88,7 @@ class Cable:
 class Switch:
     """Cables and the daemon, which listens on `path` and does what `arguments` say besides. Ports are numbered 1 to `count`; OpenFlow numbers are those plus PORT_BASE."""
 
-    def __init__(self, build, count=3, arguments=(), environment=None):
+    def __init__(self, build, count=3, arguments=(), environment=None, usual_control=False):
         self.folder = tempfile.mkdtemp(prefix="krsdn-agent-test-")
         self.count = count
         self.control = os.path.join(self.folder, "connector")
@@ -96,6 +101,7 @@ class Switch:
                 file.write(f"s{i} = {i}\n")
         self.cables = {i: Cable(f"p{i}") for i in range(1, count + 1)}
         self.path = os.path.join(self.folder, "openflow")
+        self.ctl = os.path.join(self.folder, "control")  # for krsdnctl
         notify = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         notify.bind(os.path.join(self.folder, "notify"))
         self.log = open(os.path.join(self.folder, "log"), "w+", encoding="utf-8")
@@ -103,6 +109,7 @@ class Switch:
             [f"{build}/agent/krsdn-ofagentd", "--connector", f"{build}/plugins/connector/connector.so",
              "--port-plugin", f"{build}/plugins/fpt_linux/fpt_linux.so",
              "--connector-config", os.path.join(self.folder, "ports.conf"), "--connector-control", self.control,
+             "--inspector", f"{build}/tools/audit/inspect_soft.so", *([] if usual_control else ["--control", self.ctl]),
              f"punix:{self.path}", *arguments],
             stderr=self.log, env=dict(os.environ, NOTIFY_SOCKET=os.path.join(self.folder, "notify"),
                                       **(environment or {})))

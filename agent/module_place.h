@@ -1,0 +1,17 @@
+/*
+ * Where the modules are that come with the daemon: beside it in a build, in the library folder of its prefix when it
+ * is installed.
+ */
+#ifndef KR_AGENT_MODULE_PLACE_H
+#define KR_AGENT_MODULE_PLACE_H
+
+#include <string>
+
+namespace agent {
+
+/* The path of a module, whether it is there or not. */
+std::string module_place(const char *name);
+
+} // namespace agent
+
+#endif
