@@ -32,9 +32,9 @@ std::optional<uint64_t> number_parse(std::string_view text, uint64_t max) {
 }
 
 // Each takes a value over, or returns false.
-template <auto Field> bool set_number(flow_match &into, std::string_view value) {
+template <auto Field, uint64_t Max = UINT16_MAX> bool set_number(flow_match &into, std::string_view value) {
     using type = std::remove_reference_t<decltype(into.*Field)>;
-    const auto number = number_parse(value, static_cast<type>(~type{0}));
+    const auto number = number_parse(value, Max);
     into.*Field = static_cast<type>(number.value_or(0));
     return number.has_value();
 }
@@ -102,16 +102,16 @@ constexpr field fields[] = {
     {"dl_vlan_pcp", set_vlan_pcp, "a priority of 0 to 7"},
     {"dl_type", set_number<&flow_match::dl_type>, a_port},
     {"nw_tos", set_tos, a_byte},
-    {"nw_proto", set_number<&flow_match::nw_proto>, a_byte},
-    {"arp_op", set_number<&flow_match::nw_proto>, a_byte},
+    {"nw_proto", set_number<&flow_match::nw_proto, UINT8_MAX>, a_byte},
+    {"arp_op", set_number<&flow_match::nw_proto, UINT8_MAX>, a_byte},
     {"nw_src", set_address<&flow_match::nw_src>, an_address},
     {"nw_dst", set_address<&flow_match::nw_dst>, an_address},
     {"arp_spa", set_address<&flow_match::nw_src>, an_address},
     {"arp_tpa", set_address<&flow_match::nw_dst>, an_address},
     {"tp_src", set_number<&flow_match::tp_src>, a_port},
     {"tp_dst", set_number<&flow_match::tp_dst>, a_port},
-    {"icmp_type", set_number<&flow_match::tp_src>, a_byte},
-    {"icmp_code", set_number<&flow_match::tp_dst>, a_byte},
+    {"icmp_type", set_number<&flow_match::tp_src, UINT8_MAX>, a_byte},
+    {"icmp_code", set_number<&flow_match::tp_dst, UINT8_MAX>, a_byte},
 };
 
 struct protocol {

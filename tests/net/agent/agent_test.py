@@ -470,6 +470,29 @@ class Packets(AgentTest):
         self.assertEqual({flow["priority"]: flow["packets"] for flow in self.c.flows()}, {9: 1, 10: 1})
 
 
+class Cookies(AgentTest):
+    def cookie(self):
+        (flow,) = self.c.flows()
+        return flow["cookie"]
+
+    def test_a_modify_sets_the_cookie_unless_it_has_none(self):
+        match = of.match(in_port=P1)
+        for command in (of.MODIFY, of.MODIFY_STRICT):
+            self.add(match=match, cookie=5, actions=[of.output(P2)])
+            self.add(command=command, match=match, cookie=of.UNKNOWN, actions=[of.output(P3)])
+            self.assertEqual((self.cookie(), self.c.flows()[0]["actions"]), (5, of.output(P3)))
+            self.add(command=command, match=match, cookie=6, actions=[])
+            self.assertEqual(self.cookie(), 6)
+            self.add(command=command, match=match, cookie=0, actions=[])
+            self.assertEqual(self.cookie(), 0)
+
+    def test_an_add_keeps_the_cookie_as_it_was_sent(self):
+        for command in (of.ADD, of.MODIFY, of.MODIFY_STRICT):  # a modify of nothing is an add
+            self.add(command=command, cookie=of.UNKNOWN)
+            self.assertEqual(self.cookie(), of.UNKNOWN)
+            self.add(command=of.DELETE)
+
+
 class Ports(AgentTest):
     def test_link_changes_are_told(self):
         for state, expected in (("down", 1), ("up", 0)):
@@ -490,6 +513,42 @@ class Ports(AgentTest):
         while self.c.features()["ports"][3]["state"] & 1:
             self.c.port_status()
         self.assertEqual(self.c.features()["ports"][3]["config"], 0)
+
+    def test_a_port_taken_down_from_outside_is_told_also_without_a_link(self):
+        def until(config, state):
+            while True:
+                _, port = self.c.port_status(of.PORT_MODIFIED)
+                if (port["port"], port["config"], port["state"] & 1) == (P3, config, state):
+                    return
+        switch.run("ip", "link", "set", "p3", "down")
+        until(0, 1)
+        switch.run("ip", "link", "set", "s3", "down")  # the link does not change by this, nor below
+        until(of.PORT_DOWN, 1)
+        switch.run("ip", "link", "set", "s3", "up")
+        until(0, 1)
+        switch.run("ip", "link", "set", "p3", "up")
+        until(0, 0)
+
+    def test_what_a_port_cannot_offer_is_refused_and_nothing_changes(self):
+        port = self.c.features()["ports"][3]
+        for features in (1, 1 << 5, 1 << 9, 1 << 5 | 1 << 6, 1 << 31):  # a veth has its one speed
+            self.assertEqual(self.c.do(of.port_mod(P4, port["hw_addr"], of.NO_FLOOD, of.NO_FLOOD, advertise=features)),
+                             of.EPERM)
+        self.assertEqual(self.c.features()["ports"][3], port)
+        # What it offers already is no change.
+        self.assertIsNone(self.c.do(of.port_mod(P4, port["hw_addr"], 0, of.NO_FLOOD, advertise=port["advertised"])))
+
+    def test_what_a_port_offers_is_set(self):
+        if switch.run("ip", "tuntap", "add", "t9", "mode", "tap", check=False).returncode != 0:
+            self.skipTest("there are no TAP interfaces here")
+        self.assertTrue(self.switch.ask_connector("add t9 9").startswith("ok"))
+        _, port = self.c.port_status(of.PORT_ADDED)
+        for features in (1 << 5, 1 << 6):  # 1 Gbit/s, 10 Gbit/s
+            self.assertIsNone(self.c.do(of.port_mod(port["port"], port["hw_addr"], 0, 0, advertise=features)))
+            told = self.c.features()["ports"][4]
+            self.assertEqual((told["port"], told["curr"], told["advertised"]), (port["port"], features, features))
+        self.assertEqual(self.switch.ask_connector("remove t9"), "ok")
+        switch.run("ip", "link", "del", "t9")
 
     def test_no_receive_no_forward_no_packet_in(self):
         address = self.c.features()["ports"][0]["hw_addr"]

@@ -187,6 +187,25 @@ class Tls(WithSwitch):
         listening.close()
 
 
+class Size(WithSwitch):
+    def test_a_thousand_flows_fit_into_ten_megabytes(self):
+        with open(DAEMON, "rb") as program:
+            if re.search(rb"__(a|t|ub)san_|__gcov_", program.read()):
+                self.skipTest("this build carries more than the daemon")
+        self.run_switch()
+        controller = self.switch.controller()
+        for flow in (lambda i: of.match(dl_src=of.mac(f"02:00:00:00:{i >> 8:02x}:{i & 255:02x}"), in_port=P1),
+                     lambda i: of.match(dl_type=0x800, nw_src=f"10.{i >> 8}.{i & 255}.0/24")):
+            controller.send(b"".join(of.flow_mod(match=flow(i), actions=[of.output(P2)], priority=i) for i in range(1000)))
+            self.assertEqual(controller.barrier(), {})
+            self.assertEqual(len(controller.flows()), 1000)
+            with open(f"/proc/{self.switch.process.pid}/status", encoding="ascii") as file:
+                resident = int(re.search(r"VmRSS:\s+(\d+) kB", file.read()).group(1))
+            print(f"resident with 1000 flows: {resident} KiB")
+            self.assertLessEqual(resident, 10 * 1000)
+            self.assertIsNone(controller.do(of.flow_mod(of.DELETE)))
+
+
 class BackPressure(WithSwitch):
     def test_a_controller_that_does_not_read_is_not_read(self):
         self.run_switch("--probe-interval", "0")

@@ -51,6 +51,15 @@ class Ofctl(unittest.TestCase):
                 flows.append(line.strip())
         return sorted(flows)
 
+    def test_modified_flows_have_the_cookie_that_was_given(self):
+        self.ofctl("add-flow", f"cookie=5,priority=7,in_port={P1},actions=output:{P2}")
+        self.ofctl("mod-flows", f"cookie=6,in_port={P1},actions=output:{P2}")
+        self.assertEqual(self.dump(), [f"cookie=0x6, priority=7,in_port={P1} actions=output:{P2}"])
+        self.ofctl("mod-flows", f"in_port={P1},actions=output:{P3}")  # "a default cookie value of 0 is used"
+        self.assertEqual(self.dump(), [f"priority=7,in_port={P1} actions=output:{P3}"])
+        self.ofctl("mod-flows", "--strict", f"cookie=7,priority=7,in_port={P1},actions=drop")
+        self.assertEqual(self.dump(), [f"cookie=0x7, priority=7,in_port={P1} actions=drop"])
+
     def test_show(self):
         text = self.ofctl("show")
         self.assertIn("n_tables:1", text)

@@ -96,8 +96,8 @@ def packet_out(actions, data=b"", in_port=NONE, buffer_id=NO_BUFFER, xid=0):
     return message(PACKET_OUT, struct.pack("!IHH", buffer_id, in_port, len(actions)) + actions + data, xid)
 
 
-def port_mod(port, hw_addr, config, mask, xid=0):
-    return message(PORT_MOD, struct.pack("!H6sIII4x", port, hw_addr, config, mask, 0), xid)
+def port_mod(port, hw_addr, config, mask, xid=0, advertise=0):
+    return message(PORT_MOD, struct.pack("!H6sIII4x", port, hw_addr, config, mask, advertise), xid)
 
 
 def stats_request(kind, body=b"", xid=0):
@@ -105,9 +105,9 @@ def stats_request(kind, body=b"", xid=0):
 
 
 def parse_port(data):
-    number, hw_addr, name, config, state, curr = struct.unpack("!H6s16sIII", data[:36])
+    number, hw_addr, name, config, state, curr, advertised = struct.unpack("!H6s16sIIII", data[:40])
     return {"port": number, "hw_addr": hw_addr, "name": name.rstrip(b"\0").decode(), "config": config,
-            "state": state, "curr": curr}
+            "state": state, "curr": curr, "advertised": advertised}
 
 
 def parse_flow(data):
