@@ -22,7 +22,7 @@ CONFIGURE = ["-G", "Ninja", "-DCMAKE_BUILD_TYPE=Mutation", "-DCMAKE_C_FLAGS=-O1 
              "-DKR_BUILD_AGENT=OFF", "-DKR_BUILD_BENCH=OFF", "-DKR_BUILD_PLUGINS=OFF", "-DKR_BUILD_EXAMPLES=OFF"]
 OPTIMISE = "-O2"  # of the library's own objects: equal code is recognised more often
 LIBRARY = "krsdnhal_objects.dir"
-LEFT_OUT = {"net", "peer", "demo", "style"}  # labels of tests that need more than the build, or judge other things
+LEFT_OUT = {"net", "peer", "demo", "style", "debug-information"}  # labels of tests that need more than the build, or judge other things
 LIMITS = {resource.RLIMIT_CORE: 0, resource.RLIMIT_FSIZE: 1 << 28, resource.RLIMIT_AS: 8 << 30}
 
 
