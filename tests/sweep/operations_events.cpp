@@ -67,7 +67,8 @@ void add_event_operations(std::vector<operation> &operations) {
                           .from = stage::initialized,
                           .run = start,
                           .prepare = with_listener<EVENT_GENERAL_READY>,
-                          .leaves = {{"*", remains_of_a_start}}});
+                          // A ready event that did not get through does not come again: the library has started.
+                          .leaves = {{"*", remains_of_a_start}, {"write", {"unread"}}}});
     operations.push_back({"start_again", "CONN_EVENT_START", stage::started, start});
     operations.push_back({.name = "stop",
                           .covers = "CONN_EVENT_STOP",
@@ -109,7 +110,9 @@ void add_event_operations(std::vector<operation> &operations) {
                           .covers = "CONN_EVENT_PORT_REMOVED",
                           .from = stage::ports,
                           .run = [](world &world) { return world.remove_port(2); },
-                          .prepare = with_listener<EVENT_PORT_CAPABILITIES_UPDATE>});
+                          .prepare = with_listener<EVENT_PORT_CAPABILITIES_UPDATE>,
+                          // It is announced once more.
+                          .leaves = {{"cl_event_wait_on", {"unread"}}}});
     operations.push_back({"port_removed_without_acknowledgement", "CONN_EVENT_PORT_REMOVED", stage::ports,
                           [](world &world) { return world.remove_port(2, false); }});
     operations.push_back({"port_removed_unknown", "CONN_EVENT_PORT_REMOVED", stage::ports, [](world &world) {

@@ -128,8 +128,13 @@ void add_service_operations(std::vector<operation> &operations) {
     operations.push_back({"unregister_unknown", f, stage::flows, remove<12>});
 
     f = "kr_sdn_hal_srvc_process_event";
-    operations.push_back(
-        {"process_event", f, stage::initialized, [](world &) { return process(EVENT_AGENT_UPDATE); }, two_listeners});
+    // The channels before the one that failed have the record, and get it again.
+    operations.push_back({.name = "process_event",
+                          .covers = f,
+                          .from = stage::initialized,
+                          .run = [](world &) { return process(EVENT_AGENT_UPDATE); },
+                          .prepare = two_listeners,
+                          .leaves = {{"write", {"unread"}}}});
     operations.push_back({"process_event_unknown", f, stage::initialized, [](world &) { return process(12); }});
     operations.push_back({"process_event_before_init", f, stage::loaded, [](world &) { return process(0); }});
 
@@ -141,10 +146,16 @@ void add_service_operations(std::vector<operation> &operations) {
 
     // What a read that fell short took is lost: the client waits for the next record.
     f = "kr_sdn_hal_srvc_recv";
-    operations.push_back({"receive_record", f, stage::initialized, receive, [](world &world) {
-                              with_record(world);
-                              (void)process(EVENT_AGENT_UPDATE);
-                          }});
+    operations.push_back({.name = "receive_record",
+                          .covers = f,
+                          .from = stage::initialized,
+                          .run = receive,
+                          .prepare =
+                              [](world &world) {
+                                  with_record(world);
+                                  (void)process(EVENT_AGENT_UPDATE);
+                              },
+                          .leaves = {{"read", {"unread"}}}});
     operations.push_back({"receive_packet_in", f, stage::flows, receive, with_packet_in});
     operations.push_back({"receive_packet_miss", f, stage::flows, receive, with_packet_miss});
     operations.push_back({"receive_link_change", f, stage::flows, receive, with_link_change});

@@ -22,7 +22,7 @@ uint32_t remove(const records &flows) {
 }
 
 records batch() {
-    records flows = {flow_of(11, 10), flow_of(12, 30, FLOW_ACTION_OUTPUT), flow_of(13, 20, FLOW_ACTION_FLOOD)};
+    records flows = {flow_of(11, 20), flow_of(12, 20, FLOW_ACTION_OUTPUT), flow_of(13, 20, FLOW_ACTION_FLOOD)};
     flows[1].out_port = 2;
     flows[1].in_port = 1;
     flows[1].in_port_mask = 1;
@@ -32,12 +32,12 @@ records one(uint64_t id, uint32_t priority, uint32_t action = FLOW_ACTION_DROP) 
     return {flow_of(id, priority, action)};
 }
 records to_group(const world &world) {
-    records flows = one(11, 10, FLOW_ACTION_MC_GROUP);
+    records flows = one(11, 20, FLOW_ACTION_MC_GROUP);
     flows[0].mc_group_id = world.group_id;
     return flows;
 }
 records by_unknown_port(bool is_ingress) {
-    records flows = one(11, 10, is_ingress ? FLOW_ACTION_DROP : FLOW_ACTION_OUTPUT);
+    records flows = one(11, 20, is_ingress ? FLOW_ACTION_DROP : FLOW_ACTION_OUTPUT);
     flows[0].in_port = 9;
     flows[0].in_port_mask = is_ingress ? 1 : 0;
     flows[0].out_port = 9;
@@ -135,7 +135,7 @@ void add_flow_operations(std::vector<operation> &operations) {
                           .leaves = a_place,
                           .must_call = "kr_acl_rm_api_acl_rule_move_block"});
     operations.push_back(
-        {"flows_add_output_all", f, stage::ports, [](world &) { return add(one(11, 10, FLOW_ACTION_OUTPUT_ALL)); }});
+        {"flows_add_output_all", f, stage::ports, [](world &) { return add(one(11, 20, FLOW_ACTION_OUTPUT_ALL)); }});
     operations.push_back({"flows_add_before_start", f, stage::initialized, [](world &) { return add(batch()); }});
     operations.push_back({"flows_add_before_init", f, stage::loaded, [](world &) { return add(batch()); }});
     operations.push_back({.name = "flows_delete",

@@ -8,6 +8,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -25,6 +26,7 @@
 #include "tables/tables_acl_internal.h"
 #include "tables/tables_internal.h"
 #include "tests/support/threads.h"
+#include "tools/audit/table_audit.h"
 
 extern "C" {
 extern int32_t kr_HAL_TABLES_API_verb_level; // not exported, but the modules' own
@@ -39,8 +41,31 @@ std::map<std::string, uint32_t *> &plugin_statuses() {
     return *statuses;
 }
 
+fake_connector_control *connector_control = nullptr;
+fake_fpt_control *fpt_control = nullptr;
+
+const char *callback_text(const void *callback) {
+    return callback == nullptr ? "NULL" : "a callback";
+}
+
+// What the call was given.
+std::string plugin_arguments(const std::string &name) {
+    if (name == "conn_init") {
+        return callback_text(reinterpret_cast<const void *>(connector_control->init_log_callback));
+    }
+    if (name == "conn_config_callback_register") {
+        return callback_text(reinterpret_cast<const void *>(connector_control->config_callback));
+    }
+    if (name == "conn_event_callback_register") {
+        return callback_text(reinterpret_cast<const void *>(connector_control->event_callback)) +
+               (", mask " + std::to_string(connector_control->event_mask));
+    }
+    const bool has_port = name.find("port") != std::string::npos;
+    return has_port ? "port " + std::to_string(fpt_control->port) : "";
+}
+
 void plugin_call(const char *name) {
-    const uint32_t code = plugin_called(name);
+    const uint32_t code = plugin_called(name, plugin_arguments(name));
     const auto status = plugin_statuses().find(name);
     if (status != plugin_statuses().end()) {
         *status->second = code;
@@ -107,6 +132,39 @@ std::string channel_text(const srvc_handle &channel) {
     return std::string(channel.is_open == 1 ? "open" : "closed") + (channel.sdk_fd_open == 1 ? " with interface" : "");
 }
 
+// What waits for the client: bytes in the pipe, and whether something is queued at the interface.
+std::string unread_text(const srvc_handle &channel) {
+    if (channel.is_open != 1) {
+        return "none";
+    }
+    int bytes = 0;
+    (void)ioctl(channel.hal_pipe[0], FIONREAD, &bytes);
+    pollfd interface = {.fd = channel.sdk_fd_open == 1 ? channel.sdk_fd.fd : -1, .events = POLLIN, .revents = 0};
+    return std::to_string(bytes) + (poll(&interface, 1, 0) == 1 ? " and a frame" : "");
+}
+
+// Whether places, rules, flows database and what the exported API reads back agree.
+std::string audit_text() {
+    constexpr const char *names[] = {
+#define X(name, text) #name,
+        KR_AUDIT_FINDINGS(X)
+#undef X
+    };
+    const kr_audit::report report = kr_audit::audit_table(kr::tables_acl::g.acl_id);
+    if (!report.is_complete) {
+        return "no table";
+    }
+    std::map<std::string, uint32_t> counts;
+    for (const kr_audit::finding &finding : report.findings) {
+        counts[names[static_cast<size_t>(finding.kind)]]++;
+    }
+    std::string text;
+    for (const auto &[name, count] : counts) {
+        text += (text.empty() ? "" : ", ") + name + ' ' + std::to_string(count);
+    }
+    return text.empty() ? "agrees" : text;
+}
+
 std::string capabilities_text() {
     capabilities stored{};
     (void)kr_sdn_hal_capabilities_get(&stored);
@@ -137,9 +195,12 @@ const std::vector<const char *> state_names = {
     "tables",
     "flows",
     "places",
+    "audit",
     "counters in use",
     "channel",
     "other channel",
+    "unread",
+    "unread of the other",
     "registrations",
     "devices",
     "managers",
@@ -189,6 +250,8 @@ world::world() : descriptors_at_first(descriptor_count()) {
     fpt = std::make_unique<loaded_fake_fpt>(KR_FAKE_PLUGIN_DIR "/fake_fpt.so");
     fill_path(profile.connector_library_path, KR_FAKE_PLUGIN_DIR "/fake_connector.so");
     fill_path(profile.fpt_library_path, KR_FAKE_PLUGIN_DIR "/fake_fpt.so");
+    connector_control = connector->operator->();
+    fpt_control = fpt->operator->();
     (*connector)->record = plugin_call;
     (*connector)->log = connector_log;
     (*fpt)->record = plugin_call;
@@ -332,23 +395,26 @@ state world::observe() {
         number(kr::tables::g.initialized + kr::tables::g.dependent_initialized), // tables
         number(acl_flows_db.initialized == 1 ? acl_flows_db.active_entries : 0), // flows
         number(psort_entry_count()),                                             // places
-        number(kr::tables_acl::g.flow_counters_used),                            // counters in use
-        channel_text(channel),                                                   // channel
-        channel_text(other_channel),                                             // other channel
-        number(registration_count()),                                            // registrations
-        number(usage.device_handle_count),                                       // devices
-        number(usage.acl_rm_handle_count),                                       // managers
-        number(usage.acl_count),                                                 // ACLs
-        number(usage.binding_count),                                             // bindings
-        number(usage.group_count),                                               // groups
-        number(usage.rule_count),                                                // rules
-        number(usage.counter_count),                                             // counters
-        number(usage.descriptor_count),                                          // interfaces
-        number(held.libraries),                                                  // libraries
-        number(held.locks),                                                      // locks
-        number(held.events),                                                     // events
-        number(held.pools),                                                      // pools
-        number(held.threads),                                                    // threads
+        audit_text(),
+        number(kr::tables_acl::g.flow_counters_used), // counters in use
+        channel_text(channel),                        // channel
+        channel_text(other_channel),                  // other channel
+        unread_text(channel),
+        unread_text(other_channel),
+        number(registration_count()),      // registrations
+        number(usage.device_handle_count), // devices
+        number(usage.acl_rm_handle_count), // managers
+        number(usage.acl_count),           // ACLs
+        number(usage.binding_count),       // bindings
+        number(usage.group_count),         // groups
+        number(usage.rule_count),          // rules
+        number(usage.counter_count),       // counters
+        number(usage.descriptor_count),    // interfaces
+        number(held.libraries),            // libraries
+        number(held.locks),                // locks
+        number(held.events),               // events
+        number(held.pools),                // pools
+        number(held.threads),              // threads
         number((is_running(caller::control_frames) ? 1U : 0U) + (is_running(caller::background) ? 1U : 0U)),
         number(held.memory_blocks),                        // memory
         number(held.descriptors),                          // held descriptors
