@@ -338,6 +338,20 @@ std::string without_places(std::string line) {
     return line;
 }
 
+// A record is the same wherever the plug-ins lie: of an absolute path the name stays.
+std::string without_folders(std::string line) {
+    for (size_t begin = line.find('/'); begin != std::string::npos; begin = line.find('/', begin + 1)) {
+        const bool begins_word = begin == 0 || line[begin - 1] == ' ' || line[begin - 1] == '[';
+        const size_t end = std::min(line.find_first_of(" ,:]", begin), line.size());
+        const size_t name = line.rfind('/', end - 1);
+        if (begins_word && name != begin) {
+            line.replace(begin, name - begin, "...");
+            begin += 4;
+        }
+    }
+    return line;
+}
+
 class waiting_here {
   public:
     waiting_here() : index_(static_cast<size_t>(current_caller)) {
@@ -839,7 +853,8 @@ void __wrap_kr_log(uint32_t severity, const char *module, const char *format, ..
     if (line.empty()) {
         line = std::string(text) + "(no newline)";
     }
-    kr_test::note_log(text_of("%u %s: \"", severity, module) + kr_test::without_places(line) + '"');
+    kr_test::note_log(text_of("%u %s: \"", severity, module) + kr_test::without_folders(kr_test::without_places(line)) +
+                      '"');
     const kr_test::calling_as outside(kr_test::caller::outside);
     __real_kr_log(severity, module, "%s", text);
 }
@@ -896,13 +911,7 @@ int __wrap_fprintf(FILE *stream, const char *format, ...) {
     } else {
         char text[1024];
         result = vsnprintf(text, sizeof text, format, arguments);
-        std::string line(text);
-        // The folder of the plug-ins is the machine's; the text is what matters.
-        const size_t path = line.find(" /");
-        const size_t name = path != std::string::npos ? line.rfind('/', line.find(", [")) : path;
-        if (name != std::string::npos) {
-            line.replace(path + 1, name - path - 1, "...");
-        }
+        const std::string line = kr_test::without_folders(text);
         const bool is_ended = line.ends_with('\n');
         kr_test::note_log("standard error: \"" + line.substr(0, line.size() - (is_ended ? 1 : 0)) + '"' +
                           (is_ended ? "" : "(no newline)"));

@@ -69,6 +69,12 @@ void add_event_operations(std::vector<operation> &operations) {
                           .prepare = with_listener<EVENT_GENERAL_READY>,
                           // A ready event that did not get through does not come again: the library has started.
                           .leaves = {{"*", remains_of_a_start}, {"write", {"unread"}}}});
+    operations.push_back({.name = "start_after_a_stop",
+                          .covers = "CONN_EVENT_START",
+                          .from = stage::started,
+                          .run = start,
+                          .prepare = [](world &world) { (void)stop(world); },
+                          .leaves = {{"*", remains_of_a_start}}});
     operations.push_back({"start_again", "CONN_EVENT_START", stage::started, start});
     operations.push_back({.name = "stop",
                           .covers = "CONN_EVENT_STOP",
@@ -99,6 +105,8 @@ void add_event_operations(std::vector<operation> &operations) {
                                      {"write", {}, false}}});
     operations.push_back(
         {"port_added_twice", "CONN_EVENT_PORT_ADDED", stage::ports, [](world &world) { return world.add_port(2); }});
+    operations.push_back({"port_added_without_data", "CONN_EVENT_PORT_ADDED", stage::ports,
+                          [](world &world) { return world.event(CONN_EVENT_PORT_ADDED); }});
     operations.push_back({"port_added_out_of_range", "CONN_EVENT_PORT_ADDED", stage::ports, [](world &world) {
                               (void)kr_soft_port_add_memory(log_port_of(32768));
                               conn_port_record port = port_record_of(32768);

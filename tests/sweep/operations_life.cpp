@@ -21,6 +21,11 @@ uint32_t activate(world &) {
 uint32_t log(world &) {
     return world::client([] { return kr_sdn_hal_log(1, "MODULE", "text %d", 7); });
 }
+void with_connector(world &world, const char *path) {
+    memset(&world.profile, 0, sizeof world.profile);
+    strncpy(world.profile.connector_library_path, path, KR_SDN_HAL_PATH_SIZE - 1);
+}
+
 template <auto Call> uint32_t plain(world &) {
     return world::client([] { return Call(); });
 }
@@ -43,6 +48,20 @@ void add_life_operations(std::vector<operation> &operations) {
          .leaves = {{"*", {"libraries"}}}});
     operations.push_back({"init_without_a_profile", f, stage::loaded,
                           [](world &) { return world::client([] { return kr_sdn_hal_init(nullptr, nullptr); }); }});
+    const std::vector<remains> a_library = {{"*", {"libraries"}}};
+    operations.push_back({"init_no_connector", f, stage::loaded, init,
+                          [](world &world) { with_connector(world, "no-such-connector.so"); }});
+    operations.push_back({"init_connector_without_a_path", f, stage::loaded, init, [](world &world) {
+                              memset(world.profile.connector_library_path, 'x', KR_SDN_HAL_PATH_SIZE);
+                          }});
+    operations.push_back(
+        {.name = "init_connector_without_a_symbol",
+         .covers = f,
+         .from = stage::loaded,
+         .run = init,
+         .prepare =
+             [](world &world) { with_connector(world, KR_FAKE_PLUGIN_DIR "/fake_connector_without_conn_log.so"); },
+         .leaves = a_library});
     operations.push_back({"init_twice", f, stage::initialized, init});
     operations.push_back({"init_after_deinit", f, stage::initialized, init, [](world &world) { (void)deinit(world); }});
 

@@ -146,6 +146,14 @@ void add_flow_operations(std::vector<operation> &operations) {
                           .leaves = {{"kr_acl_rm_api_acl_rule_set", {}, false},
                                      {"psort_entry_set", {}, false},
                                      {"cl_qmap_get", {}, false}}});
+    operations.push_back({.name = "flows_delete_some_unknown",
+                          .covers = f,
+                          .from = stage::flows,
+                          .run =
+                              [](world &) {
+                                  return remove({flow_of(9), flow_of(2)});
+                              },
+                          .leaves = {{"psort_entry_set", {}, false}, {"cl_qmap_get", {}, false}}});
     operations.push_back({"flows_delete_unknown", f, stage::flows, [](world &) { return remove(batch()); }});
     operations.push_back({"flows_modify", f, stage::flows, [](world &world) { return set(1, world.flows); }});
     operations.push_back({"flows_null", f, stage::flows, [](world &) {
@@ -159,6 +167,17 @@ void add_reading_operations(std::vector<operation> &operations) {
     const char *f = "kr_sdn_hal_table_entry_get";
     operations.push_back({"flows_get", f, stage::flows, [](world &) { return get({1, 2, 3}); }});
     operations.push_back({"flows_get_unknown", f, stage::flows, [](world &) { return get({1, 9}); }});
+    // Flow 3 comes from port 1 and goes to port 2.
+    operations.push_back({"flows_get_to_a_removed_port", f, stage::flows,
+                          [](world &) {
+                              return get({1, 3});
+                          },
+                          [](world &world) { (void)world.remove_port(2); }});
+    operations.push_back({"flows_get_from_a_removed_port", f, stage::flows,
+                          [](world &) {
+                              return get({1, 3});
+                          },
+                          [](world &world) { (void)world.remove_port(1); }});
     operations.push_back({"flows_get_from_a_start", f, stage::flows, [](world &) { return get({1}, 1); }});
     f = "kr_sdn_hal_table_entry_activity_get";
     operations.push_back({"activity", f, stage::flows, [](world &) { return activity({1, 9, 2}); }});
@@ -232,6 +251,9 @@ void add_group_operations(std::vector<operation> &operations) {
                           }});
     f = "kr_sdn_hal_table_mcast_group_get";
     operations.push_back({"group_get", f, stage::flows, [](world &world) { return group_get(world.group_id); }});
+    operations.push_back({"group_get_with_a_removed_port", f, stage::flows,
+                          [](world &world) { return group_get(world.group_id); },
+                          [](world &world) { (void)world.remove_port(1); }});
     operations.push_back({"group_get_unknown", f, stage::flows, [](world &) { return group_get(77); }});
     operations.push_back({"group_get_flood", f, stage::flows, [](world &) { return group_get(flood_group); }});
 }

@@ -83,6 +83,27 @@ void add_thread_operations(std::vector<operation> &operations) {
                               },
                           .who = caller::control_frames,
                           .limit = tries});
+    // The stop flag of the first life is still set: the thread ends when it wakes up.
+    operations.push_back({.name = "background_pass_after_a_restart",
+                          .covers = "background thread",
+                          .from = stage::started,
+                          .run = background_pass,
+                          .prepare =
+                              [](world &world) {
+                                  (void)world.event(CONN_EVENT_STOP);
+                                  (void)world.event(CONN_EVENT_START);
+                                  while (!is_waiting(caller::background)) {
+                                      sched_yield();
+                                  }
+                              },
+                          .who = caller::background,
+                          .limit = tries});
+    operations.push_back({.name = "background_pass_without_work",
+                          .covers = "background thread",
+                          .from = stage::started,
+                          .run = background_pass,
+                          .who = caller::background,
+                          .limit = tries});
     operations.push_back({.name = "background_pass",
                           .covers = "background thread",
                           .from = stage::flows,
