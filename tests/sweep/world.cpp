@@ -165,6 +165,21 @@ std::string audit_text() {
     return text.empty() ? "agrees" : text;
 }
 
+// How many ports are in each group that has any.
+std::string members_text() {
+    constexpr uint32_t last_group = 8;
+    std::string text;
+    for (uint32_t group = 1; group <= last_group; group++) {
+        uint32_t ports[KR_SDN_HAL_GROUP_MAX_PORTS];
+        uint32_t count = KR_SDN_HAL_GROUP_MAX_PORTS;
+        const kr_status status = kr_acl_rm_api_acl_mc_group_get(kr::tables_acl::g.acl_rm_handle, group, &count, ports);
+        if (status == KR_STATUS_SUCCESS && count != 0) {
+            text += (text.empty() ? "" : " ") + std::to_string(count);
+        }
+    }
+    return text.empty() ? "none" : text;
+}
+
 std::string capabilities_text() {
     capabilities stored{};
     (void)kr_sdn_hal_capabilities_get(&stored);
@@ -207,6 +222,7 @@ const std::vector<const char *> state_names = {
     "ACLs",
     "bindings",
     "groups",
+    "members",
     "rules",
     "counters",
     "interfaces",
@@ -407,14 +423,15 @@ state world::observe() {
         number(usage.acl_count),           // ACLs
         number(usage.binding_count),       // bindings
         number(usage.group_count),         // groups
-        number(usage.rule_count),          // rules
-        number(usage.counter_count),       // counters
-        number(usage.descriptor_count),    // interfaces
-        number(held.libraries),            // libraries
-        number(held.locks),                // locks
-        number(held.events),               // events
-        number(held.pools),                // pools
-        number(held.threads),              // threads
+        members_text(),
+        number(usage.rule_count),       // rules
+        number(usage.counter_count),    // counters
+        number(usage.descriptor_count), // interfaces
+        number(held.libraries),         // libraries
+        number(held.locks),             // locks
+        number(held.events),            // events
+        number(held.pools),             // pools
+        number(held.threads),           // threads
         number((is_running(caller::control_frames) ? 1U : 0U) + (is_running(caller::background) ? 1U : 0U)),
         number(held.memory_blocks),                        // memory
         number(held.descriptors),                          // held descriptors
