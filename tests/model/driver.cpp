@@ -218,7 +218,7 @@ void driver::plugins_prepare(const step &s) {
     case op::port_operation:
         plugins.fpt_port = s.answer;
 #define X(name) fpt_->name##_status = s.answer;
-        FAKE_FPT_SYMBOLS(X)
+        FPT_SYMBOLS(X)
 #undef X
         fpt_->activate_status = fpt_->deinit_status = 0;
         break;

@@ -3,6 +3,8 @@
  */
 #include "fake_fpt.h"
 
+#include <atomic>
+
 #define EXPORTED extern "C" __attribute__((visibility("default")))
 
 EXPORTED fake_fpt_control fake_fpt;
@@ -19,7 +21,7 @@ uint32_t called(const char *name, const uint32_t &status) {
 }
 
 [[maybe_unused]] uint32_t called(const char *name, const uint32_t &status, uint32_t port) {
-    fake_fpt.port = port;
+    std::atomic_ref(fake_fpt.port).store(port, std::memory_order_relaxed); // from any thread
     return called(name, status);
 }
 

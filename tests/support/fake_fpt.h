@@ -10,30 +10,12 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "fpt_symbols.h"
 #include "kr_sdn_hal.h"
-
-// The plug-in's entry points, in the order in which the library resolves them.
-#define FAKE_FPT_SYMBOLS(X)                                                                                            \
-    X(activate)                                                                                                        \
-    X(deinit)                                                                                                          \
-    X(rstp_port_state_set)                                                                                             \
-    X(rstp_port_state_get)                                                                                             \
-    X(port_phys_addr_get)                                                                                              \
-    X(port_speed_admin_set)                                                                                            \
-    X(port_speed_admin_get)                                                                                            \
-    X(port_speed_cabability_get)                                                                                       \
-    X(port_speed_oper_get)                                                                                             \
-    X(port_state_set)                                                                                                  \
-    X(port_state_get)                                                                                                  \
-    X(port_oper_state_get)                                                                                             \
-    X(port_mtu_set)                                                                                                    \
-    X(port_mtu_get)                                                                                                    \
-    X(port_cntr_get)                                                                                                   \
-    X(port_cntr_clear)
 
 struct fake_fpt_control {
 #define X(name) uint32_t name##_status;
-    FAKE_FPT_SYMBOLS(X)
+    FPT_SYMBOLS(X)
 #undef X
     void (*record)(const char *call); // may be null: the name of each entry point, as it is called
     uint32_t port;                    // of the last call that names one

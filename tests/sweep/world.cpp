@@ -278,7 +278,7 @@ world::world() : descriptors_at_first(descriptor_count()) {
                          {"conn_config_callback_register", &(*connector)->config_register_status},
                          {"conn_event_callback_register", &(*connector)->event_register_status},
 #define X(name) {#name, &(*fpt)->name##_status},
-                         FAKE_FPT_SYMBOLS(X)
+                         FPT_SYMBOLS(X)
 #undef X
     };
     // Up to the notices: what is above them carries lines of the sources.

@@ -26,6 +26,7 @@
 #include "kr_soft.h"
 #include "net_namespace.h"
 #include "port_map.h"
+#include "tests/support/fpt_symbols.h"
 #include "unique_fd.h"
 
 namespace {
@@ -35,27 +36,9 @@ using kr_test::run;
 using testing::HasSubstr;
 
 // The sixteen symbols, from the module.
-#define KR_FPT_SYMBOLS(X)                                                                                              \
-    X(activate)                                                                                                        \
-    X(deinit)                                                                                                          \
-    X(rstp_port_state_set)                                                                                             \
-    X(rstp_port_state_get)                                                                                             \
-    X(port_phys_addr_get)                                                                                              \
-    X(port_speed_admin_set)                                                                                            \
-    X(port_speed_admin_get)                                                                                            \
-    X(port_speed_cabability_get)                                                                                       \
-    X(port_speed_oper_get)                                                                                             \
-    X(port_state_set)                                                                                                  \
-    X(port_state_get)                                                                                                  \
-    X(port_oper_state_get)                                                                                             \
-    X(port_mtu_set)                                                                                                    \
-    X(port_mtu_get)                                                                                                    \
-    X(port_cntr_get)                                                                                                   \
-    X(port_cntr_clear)
-
 struct fpt_symbols {
 #define KR_FPT_MEMBER(name) decltype(&::name) name;
-    KR_FPT_SYMBOLS(KR_FPT_MEMBER)
+    FPT_SYMBOLS(KR_FPT_MEMBER)
 #undef KR_FPT_MEMBER
 };
 
@@ -64,7 +47,7 @@ const fpt_symbols &fpt() {
         void *handle = dlopen(KR_TEST_FPT_PATH, RTLD_NOW | RTLD_LOCAL);
         fpt_symbols s{};
 #define KR_FPT_RESOLVE(name) s.name = reinterpret_cast<decltype(s.name)>(dlsym(handle, #name));
-        KR_FPT_SYMBOLS(KR_FPT_RESOLVE)
+        FPT_SYMBOLS(KR_FPT_RESOLVE)
 #undef KR_FPT_RESOLVE
         return s;
     }();
