@@ -35,7 +35,8 @@ kr_sdn_hal_status port_set(uint32_t command, uint32_t ifindex, int32_t requested
         const bool added = fake_ports().try_emplace(*of_port, fake_port{*of_port, ifindex, log_port}).second;
         return added ? KR_SDN_HAL_STATUS_SUCCESS : KR_SDN_HAL_STATUS_ENTRY_ALREADY_EXISTS;
     }
-    const uint32_t status = called("port_set(remove)");
+    const bool names_port_alone = ifindex == 0 && requested_of_port == 0 && log_port == 0 && aux == 0;
+    const uint32_t status = called(names_port_alone ? "port_set(remove)" : "port_set(remove, and more)");
     if (status == 0) {
         return fake_ports().erase(*of_port) == 1 ? KR_SDN_HAL_STATUS_SUCCESS : KR_SDN_HAL_STATUS_ENTRY_NOT_FOUND;
     }

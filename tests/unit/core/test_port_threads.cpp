@@ -18,6 +18,9 @@ namespace {
 // Whether a writer lets other threads run before it changes a map.
 std::atomic<bool> writers_yield{false};
 
+// What is done before a record goes back to the pool, and may be taken for another port.
+void (*before_record_goes)() = nullptr;
+
 constexpr auto SUCCESS = KR_SDN_HAL_STATUS_SUCCESS;
 constexpr auto NOT_FOUND = KR_SDN_HAL_STATUS_ENTRY_NOT_FOUND;
 
@@ -188,6 +191,25 @@ TEST_F(port_threads, of_two_threads_that_remove_the_same_port_one_gets_4) {
     EXPECT_EQ(count, port_count / 3);
 }
 
+TEST_F(port_threads, no_look_up_finds_a_port_whose_record_is_free) {
+    static bool seen;
+    seen = false;
+    EXPECT_EQ(add(1), SUCCESS);
+    before_record_goes = [] {
+        seen = true;
+        uint32_t value = 9;
+        const port_info *info = nullptr;
+        EXPECT_EQ(port_get(1, &info), NOT_FOUND);
+        EXPECT_EQ(port_get_ifindex(1, &value), NOT_FOUND);
+        EXPECT_EQ(port_translate_ifindex(ifindex_of(1), &value), NOT_FOUND);
+        EXPECT_EQ(port_translate_log_port(log_port_of(1), &value), NOT_FOUND);
+        EXPECT_EQ(value, 9U);
+    };
+    EXPECT_EQ(remove(1), SUCCESS);
+    before_record_goes = nullptr;
+    EXPECT_TRUE(seen);
+}
+
 } // namespace
 
 // Visible, since the linker reroutes the references of the sanitizers' shared libraries as well.
@@ -204,6 +226,16 @@ cl_map_item_t *__wrap_cl_qmap_insert(cl_qmap_t *map, uint64_t key, cl_map_item_t
         std::this_thread::yield();
     }
     return __real_cl_qmap_insert(map, key, item);
+}
+
+void __real_cl_qpool_put(cl_qpool_t *pool, cl_pool_item_t *item);
+void __wrap_cl_qpool_put(cl_qpool_t *pool, cl_pool_item_t *item);
+
+void __wrap_cl_qpool_put(cl_qpool_t *pool, cl_pool_item_t *item) {
+    if (before_record_goes != nullptr) {
+        before_record_goes();
+    }
+    __real_cl_qpool_put(pool, item);
 }
 
 void __wrap_cl_qmap_remove_item(cl_qmap_t *map, cl_map_item_t *item) {

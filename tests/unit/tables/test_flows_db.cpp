@@ -354,6 +354,18 @@ TEST_F(flows_db_test, an_offset_without_a_slot_is_refused_and_nothing_changes) {
         EXPECT_EQ(offset_of(1), UINT64_MAX);
     }
     EXPECT_EQ(occupancy(), 0U);
+    auto small = std::make_unique<flows_db>();
+    ASSERT_EQ(flows_db_init(small.get(), 1), KR_SDN_HAL_STATUS_SUCCESS);
+    flow_entry entry{};
+    entry.flow_id = 1;
+    entry.offset = 6000;
+    for (int attempt = 0; attempt < 3; attempt++) { // no attempt keeps the one place
+        EXPECT_EQ(flows_db_entry_add(small.get(), &entry), KR_SDN_HAL_STATUS_PARAM_EXCEEDS_RANGE);
+    }
+    entry.offset = 0;
+    EXPECT_EQ(flows_db_entry_add(small.get(), &entry), KR_SDN_HAL_STATUS_SUCCESS);
+    EXPECT_EQ(flows_db_deinit(small.get()), KR_SDN_HAL_STATUS_SUCCESS);
+    (void)log.take();
     added(1, 5999); // beyond the size, but it has a slot
     EXPECT_EQ(flow_at(5999), 1U);
 }

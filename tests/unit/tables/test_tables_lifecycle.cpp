@@ -22,8 +22,22 @@ TEST_F(tables_unstarted, init_twice_returns_1_the_second_time) {
     EXPECT_EQ(init(), KR_SDN_HAL_STATUS_ERROR);
 }
 
-TEST_F(tables_started, init_while_running_returns_1) {
-    EXPECT_EQ(init(), KR_SDN_HAL_STATUS_ERROR);
+TEST_F(tables_started, init_while_running_returns_1_and_changes_nothing) {
+    EXPECT_EQ(init(0), KR_SDN_HAL_STATUS_ERROR);
+    EXPECT_EQ(kr::tables::g.table_enabled[0], 1);
+    EXPECT_NE(kr::tables::g.psort, nullptr);
+    EXPECT_EQ(add({make_flow(1)}), KR_SDN_HAL_STATUS_SUCCESS);
+}
+
+TEST_F(tables_started, ports_after_deinit_return_3_and_reach_no_table) {
+    ASSERT_EQ(tables_dependent_deinit(), KR_SDN_HAL_STATUS_SUCCESS);
+    ASSERT_EQ(tables_deinit(), KR_SDN_HAL_STATUS_SUCCESS);
+    watch();
+    EXPECT_EQ(tables_port_added(1), KR_SDN_HAL_STATUS_NOT_INITIALIZED);
+    EXPECT_EQ(tables_port_removed(1), KR_SDN_HAL_STATUS_NOT_INITIALIZED);
+    EXPECT_THAT(log.take(), ElementsAre(error("SDN HAL Tables module is not initialized"),
+                                        error("SDN HAL Tables module is not initialized")));
+    EXPECT_THAT(journal(), IsEmpty());
 }
 
 TEST_F(tables_started, deinit_before_dependent_deinit_returns_1) {
