@@ -14,7 +14,8 @@ std::string module_place(const char *name) {
     const ssize_t size = readlink("/proc/self/exe", self, sizeof self);
     const std::string program(self, size > 0 ? static_cast<size_t>(size) : 0);
     const std::string folder = program.substr(0, program.rfind('/') + 1);
-    for (const char *place : {"", "../" KR_AGENT_LIBDIR "/krsdnhal/"}) {
+    for (const char *place : {"../" KR_AGENT_LIBDIR "/krsdnhal/", "", "../plugins/connector/", "../plugins/fpt_linux/",
+                              "../tools/audit/"}) {
         const std::string path = folder + place + name;
         if (!folder.empty() && access(path.c_str(), R_OK) == 0) {
             return path;

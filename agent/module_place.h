@@ -1,6 +1,6 @@
 /*
- * Where the modules are that come with the daemon: beside it in a build, in the library folder of its prefix when it
- * is installed.
+ * Where the modules are that come with the daemon: in the library folder of its prefix when it is installed, in the
+ * folders of their targets in a build.
  */
 #ifndef KR_AGENT_MODULE_PLACE_H
 #define KR_AGENT_MODULE_PLACE_H
