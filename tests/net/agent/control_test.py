@@ -384,6 +384,13 @@ class Capture(ControlTest):
 
 
 class CommandLine(ControlTest):
+    def test_completion_knows_the_ports(self):
+        script = ". $1/agent/doc/completion.bash; PATH=$2:$PATH; COMP_WORDS=(krsdnctl -s $3 capture s)" \
+                 "; COMP_CWORD=4; _krsdnctl; echo ${COMPREPLY[@]}"
+        source = os.path.dirname(os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)))))
+        done = switch.run("bash", "-c", script, "bash", source, os.path.dirname(KRSDNCTL), self.switch.ctl)
+        self.assertEqual(done.stdout.split(), ["s1", "s2", "s3"])
+
     def test_help(self):
         text = self.ctl("--help")
         for command in ("show", "ports", "flows", "groups", "counters", "audit", "trace", "log", "capture", "events"):
@@ -550,6 +557,25 @@ class Place(unittest.TestCase):
             done = subprocess.run(["setpriv", "--reuid=65534", "--clear-groups", KRSDNCTL, "-s", self.switch.ctl, "show"],
                                   stderr=subprocess.PIPE, text=True, check=False)
             self.assertEqual(done.returncode, 3, done.stderr)
+
+    def test_two_capabilities_are_enough(self):
+        """As the service runs it: a user of its own, who may open ports and set their state."""
+        rights = "+net_raw,+net_admin"
+        user = ["setpriv", "--reuid=65534", "--clear-groups", f"--inh-caps={rights}", f"--ambient-caps={rights}",
+                "--bounding-set=-all," + rights, "--no-new-privs"]
+        program = f"{BUILD}/agent/krsdn-ofagentd"
+        if subprocess.run([*user, "test", "-x", program], stderr=subprocess.DEVNULL, check=False).returncode != 0:
+            self.switch = switch.Switch(BUILD, 1)
+            self.skipTest("there is no other user here, or it may not read the build")
+        self.switch = switch.Switch(BUILD, 2, prefix=user, environment={"RUNTIME_DIRECTORY": ""})
+        with open(f"/proc/{self.switch.process.pid}/status", encoding="ascii") as file:
+            status = dict(line.split(":", 1) for line in file)
+        self.assertEqual((status["Uid"].split()[1], int(status["CapEff"], 16)), ("65534", 1 << 12 | 1 << 13))
+        controller = self.switch.controller()
+        port = controller.features()["ports"][0]
+        self.assertIsNone(controller.do(of.port_mod(P1, port["hw_addr"], of.PORT_DOWN, of.PORT_DOWN)))
+        self.assertIn("state DOWN", switch.run("ip", "link", "show", "s1").stdout)
+        self.assertTrue(self.answers(self.switch.ctl))  # root may ask, too
 
     def can_change_user(self):
         return subprocess.run(["setpriv", "--reuid=65534", "--clear-groups", "true"], stderr=subprocess.DEVNULL,

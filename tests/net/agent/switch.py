@@ -86,9 +86,10 @@ class Cable:
 
 
 class Switch:
-    """Cables and the daemon, which listens on `path` and does what `arguments` say besides. Ports are numbered 1 to `count`; OpenFlow numbers are those plus PORT_BASE."""
+    """Cables and the daemon, which listens on `path` and does what `arguments` say besides; `prefix` is a command that runs it. Ports are numbered 1 to `count`; OpenFlow numbers are those plus PORT_BASE."""
 
-    def __init__(self, build, count=3, arguments=(), environment=None, usual_control=False):
+    def __init__(self, build, count=3, arguments=(), environment=None, usual_control=False,
+                 prefix=()):
         self.folder = tempfile.mkdtemp(prefix="krsdn-agent-test-")
         self.count = count
         self.control = os.path.join(self.folder, "connector")
@@ -99,14 +100,17 @@ class Switch:
                 run("ip", "link", "set", f"s{i}", "up")
                 run("ip", "link", "set", f"p{i}", "up")
                 file.write(f"s{i} = {i}\n")
+        if prefix:
+            os.chmod(self.folder, 0o777)  # it may be another user
         self.cables = {i: Cable(f"p{i}") for i in range(1, count + 1)}
         self.path = os.path.join(self.folder, "openflow")
         self.ctl = os.path.join(self.folder, "control")  # for krsdnctl
         notify = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         notify.bind(os.path.join(self.folder, "notify"))
+        os.chmod(os.path.join(self.folder, "notify"), 0o666)
         self.log = open(os.path.join(self.folder, "log"), "w+", encoding="utf-8")
         self.process = subprocess.Popen(
-            [f"{build}/agent/krsdn-ofagentd", "--connector", f"{build}/plugins/connector/connector.so",
+            [*prefix, f"{build}/agent/krsdn-ofagentd", "--connector", f"{build}/plugins/connector/connector.so",
              "--port-plugin", f"{build}/plugins/fpt_linux/fpt_linux.so",
              "--connector-config", os.path.join(self.folder, "ports.conf"), "--connector-control", self.control,
              "--inspector", f"{build}/tools/audit/inspect_soft.so", *([] if usual_control else ["--control", self.ctl]),
