@@ -448,6 +448,47 @@ TEST_F(dataplane_net, cable_pulled_at_the_other_end_again_and_again) {
     EXPECT_FALSE(channel.readable());
 }
 
+// However the changes are seen, late or one at a time: every loss is followed by a link, and the last word is the
+// truth.
+TEST_F(dataplane_net, cable_pulled_and_plugged_faster_than_anybody_looks) {
+    cpu_channel channel(device, {KR_TRAP_ID_PORT_UP_DOWN});
+    constexpr int rounds = 40;
+    for (int i = 0; i < rounds; i++) {
+        must_run("ip link set eth0 down", host_1->pid);
+        must_run("ip link set eth0 up", host_1->pid);
+    }
+    must_run("ip link set eth0 down", host_1->pid);
+    wait_for_link(port_1, KR_PORT_OPER_DOWN);
+    uint32_t last = KR_PORT_OPER_UP;
+    int count = 0;
+    for (; channel.readable(last == KR_PORT_OPER_DOWN ? 0 : patience_ms); count++) {
+        const uint32_t oper_state = channel.take().info.port_up_down.oper_state;
+        ASSERT_NE(oper_state, last) << "after " << count << " events";
+        last = oper_state;
+    }
+    EXPECT_EQ(last, static_cast<uint32_t>(KR_PORT_OPER_DOWN));
+    EXPECT_LE(count, 2 * rounds + 1);
+    must_run("ip link set eth0 up", host_1->pid);
+    expect_link_event(channel, port_1, KR_PORT_OPER_UP);
+    connect_hosts();
+    transfer(*host_1, "10.0.0.1", *host_2, "10.0.0.2", 1 << 20);
+}
+
+// A port that is added while its link is changing: what was asked for at the beginning does not stay.
+TEST_F(dataplane_net, a_port_added_while_its_link_comes_up_is_up_in_the_end) {
+    must_run("ip link add sw3 type veth peer name far3");
+    must_run("ip link set far3 up");
+    for (int i = 0; i < 30; i++) {
+        must_run("ip link set sw3 down");
+        std::thread up([] { (void)kr_test::run("ip link set sw3 up"); });
+        const kr_status added = kr_soft_port_add_interface(port_3, "sw3");
+        up.join();
+        ASSERT_EQ(added, KR_STATUS_SUCCESS);
+        wait_for_link(port_3, KR_PORT_OPER_UP);
+        ASSERT_EQ(kr_soft_port_remove(port_3), KR_STATUS_SUCCESS);
+    }
+}
+
 TEST_F(dataplane_net, interface_deleted_is_a_port_down_and_comes_back_with_its_name) {
     cpu_channel channel(device, {KR_TRAP_ID_PORT_UP_DOWN});
     must_run("ip link del sw1");

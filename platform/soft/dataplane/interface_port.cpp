@@ -157,13 +157,28 @@ void interface_port::detach() {
 }
 
 void interface_port::link_message(const link_info &info, bool deleted) {
+    const std::lock_guard applying(apply_mutex_);
     uint32_t index = 0;
     {
         const std::lock_guard lock(link_mutex);
         index = index_;
     }
+    message_apply(info, index, deleted);
+}
+
+// A message may have waited behind others, or be older than the port. One that says that the interface does not run,
+// while it does, must not keep frames out until the message behind it is read: the link's change is told, and the port
+// stays up.
+void interface_port::message_apply(const link_info &info, uint32_t index, bool deleted) {
     if (info.index == index) {
-        deleted ? detach() : state_apply(info, true);
+        link_info now;
+        const bool is_old = !deleted && (info.flags & IFF_RUNNING) == 0 && monitor_->find(index, &now) &&
+                            (now.flags & IFF_RUNNING) != 0;
+        if (is_old) {
+            const std::lock_guard lock(link_mutex);
+            link_change_tell();
+        }
+        deleted ? detach() : state_apply(is_old ? now : info, true);
     } else if (index == 0 && !deleted && info.name == configured_name_ && info.arp_type == ARPHRD_ETHER &&
                socket_attach(info.index)) {
         state_apply(info, true);
@@ -172,6 +187,7 @@ void interface_port::link_message(const link_info &info, bool deleted) {
 
 // Asks the kernel instead of waiting for messages: after some were lost, or were sent before the port was known.
 void interface_port::refresh() {
+    const std::lock_guard applying(apply_mutex_);
     uint32_t index = 0;
     {
         const std::lock_guard lock(link_mutex);
@@ -186,7 +202,7 @@ void interface_port::refresh() {
         detach();
     }
     if (monitor_->find(configured_name_.c_str(), &info)) {
-        link_message(info, false);
+        message_apply(info, 0, false);
     }
 }
 

@@ -14,6 +14,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "dataplane/link_watch.h"
@@ -57,11 +58,16 @@ class interface_port final : public port {
     void detach();
     bool carrier_read(const std::string &name) const;
     void state_apply(const link_info &info, bool raise_trap);
+    void message_apply(const link_info &info, uint32_t index, bool deleted);
 
     const std::string configured_name_;
     const std::shared_ptr<link_monitor> monitor_;
     int fd_ = -1;
     std::atomic<uint32_t> mtu_{0};
+
+    // Taken before link_mutex, over asking the kernel and applying what it says: else an answer that is overtaken by a
+    // message would be applied last, and stay.
+    std::mutex apply_mutex_;
 
     // With link_mutex.
     uint32_t index_ = 0; // 0: the interface is gone

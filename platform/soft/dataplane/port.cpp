@@ -49,6 +49,13 @@ void port::link_update() {
     }
 }
 
+void port::link_change_tell() const {
+    if (is_up()) {
+        trap_port_event_deliver(log_port, KR_PORT_OPER_DOWN);
+        trap_port_event_deliver(log_port, KR_PORT_OPER_UP);
+    }
+}
+
 /* ---- frames ---------------------------------------------------------------------------------------------------- */
 
 transmit_result port::transmit(const frame &f) {

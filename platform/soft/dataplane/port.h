@@ -68,6 +68,8 @@ class port {
     };
     // Takes over what the medium says and raises the port up/down trap when that changes the link. `link_mutex` held.
     void medium_update(const medium_state &medium);
+    // Raises both traps of a link that was down and is up again already, if it was up before. `link_mutex` held.
+    void link_change_tell() const;
 
     mutable std::mutex link_mutex; // orders link changes and their traps
     medium_state medium_;
