@@ -33,6 +33,7 @@ struct outcome {
     state after;                      // without a fault: of the operation, and of the way back
     state at_end;
     std::vector<std::string> broken; // rules that hold whatever fails
+    bool has_ended = true;           // false: it crashed, or hangs
 };
 
 // Without a fault when its reach is none. `expected` is the outcome without one.

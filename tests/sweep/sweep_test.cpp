@@ -94,6 +94,28 @@ counts sum_of(const std::map<std::string, counts> &rows) {
     return sum;
 }
 
+std::vector<std::string> lines_of(const std::string &text) {
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+// Where two records begin to differ, below the heading of the fault that it happens under.
+std::string first_difference(const std::string &expected_text, const std::string &found_text) {
+    const std::vector<std::string> expected = lines_of(expected_text);
+    const std::vector<std::string> found = lines_of(found_text);
+    std::string heading;
+    size_t i = 0;
+    for (; i < expected.size() && i < found.size() && expected[i] == found[i]; i++) {
+        heading = expected[i].starts_with('[') || expected[i] == "no fault" ? expected[i] : heading;
+    }
+    return heading + "\n  recorded: " + (i < expected.size() ? expected[i] : "the end") +
+           "\n  found:    " + (i < found.size() ? found[i] : "the end");
+}
+
 class sweep : public testing::TestWithParam<operation> {};
 
 TEST_P(sweep, is_as_recorded) {
@@ -118,7 +140,8 @@ TEST_P(sweep, is_as_recorded) {
     if (expected != result.record) {
         const std::string seen = testing::TempDir() + operation.name + ".txt";
         std::ofstream(seen) << result.record;
-        ADD_FAILURE() << "differs from its record; see diff " << path << ' ' << seen;
+        ADD_FAILURE() << "differs from its record; all of it: diff " << path << ' ' << seen << "\n"
+                      << first_difference(expected, result.record);
     }
 }
 
