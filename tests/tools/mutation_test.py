@@ -39,6 +39,7 @@ add_test(NAME other_test COMMAND other_test)
 enum { HIGHEST = 100 };
 extern "C" const char *last_text;
 int clamp(int value);
+inline int half(int value) { return value / 2; }
 """,
     "core/clamp.cpp": """
 #include "core/clamp.h"
@@ -60,7 +61,7 @@ int clamp(int value) {
 #include "core/clamp.h"
 #include <cstring>
 int main() {
-    if (clamp(5) != 5 || last_text != nullptr) {
+    if (half(clamp(8)) != 4 || clamp(5) != 5 || last_text != nullptr) {
         return 1;
     }
     return clamp(101) == 100 && strcmp(last_text, "Too large: %d") == 0 ? 0 : 1;
@@ -121,6 +122,7 @@ class Mutation(unittest.TestCase):
         self.assertIn(WEAK.partition("\n")[2] + "= not known\n", said)
         self.assertEqual(said.count("\nsurvived: "), 1, said)
         self.assertIn("1 survived: 1 unknown", said)
+        self.assertIn(" 0 were the same code", said)  # the header's function is in the test's object alone
 
         self.known(WEAK + "= equivalent: it is not, but the list says so\n")
         kept = self.mutate("--all", "--goal", "50", code=0)

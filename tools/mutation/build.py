@@ -2,8 +2,8 @@
 
 The build is CMake's and Ninja's; once it stands, this module runs the compiler's and the linker's commands itself: a
 source of the library is compiled once, as position-independent code, and its object takes the place of every other that
-was made of it. The tests' own objects are never compiled again, so they see the library as it should be even where a
-header is changed.
+was made of it. The tests' own objects are not compiled again, so they see the library as it should be where a header is
+changed; only when no test notices are those made anew that include the header, for they may hold its inline functions.
 """
 import json
 import os
@@ -22,6 +22,7 @@ CONFIGURE = ["-G", "Ninja", "-DCMAKE_BUILD_TYPE=Mutation", "-DCMAKE_C_FLAGS=-O1 
              "-DKR_BUILD_AGENT=OFF", "-DKR_BUILD_BENCH=OFF", "-DKR_BUILD_PLUGINS=OFF", "-DKR_BUILD_EXAMPLES=OFF"]
 OPTIMISE = "-O2"  # of the library's own objects: equal code is recognised more often
 LIBRARY = "krsdnhal_objects.dir"
+MOST_DEPENDENTS = 12   # objects of tests that are compiled again for a change of a header
 LEFT_OUT = {"net", "peer", "demo", "style", "debug-information"}  # labels of tests that need more than the build, or judge other things
 LIMITS = {resource.RLIMIT_CORE: 0, resource.RLIMIT_FSIZE: 1 << 28, resource.RLIMIT_AS: 8 << 30}
 
@@ -38,6 +39,8 @@ class Test:
     environment: dict
     relink: list = field(default_factory=list)  # what has to be linked anew when an object of the library changes
     objects: set = field(default_factory=set)   # the objects of the library that it runs
+    own: set = field(default_factory=set)       # its own objects
+    programs: list = field(default_factory=list)  # what is linked of those
     seconds: float = 1.0
     kills: int = 0
     runs: int = 0
@@ -73,6 +76,7 @@ class Workspace:
         self.outputs = {}   # source of the library -> the objects that were made of it
         self.originals = {} # source of the library -> the bytes of its object
         self.headers = {}   # header of the library -> the sources that include it
+        self.dependents = {}  # header of the library -> other objects that include it
         self.edges = {}
         self.links = {}
 
@@ -168,16 +172,20 @@ class Workspace:
         return name if name.split("/")[0] in FOLDERS and name.endswith(".cpp") else None
 
     def read_headers(self):
-        for source, outputs in self.outputs.items():
-            for line in run(["ninja", "-C", self.build, "-t", "deps", outputs[0]]).splitlines():
-                path = line.strip()
-                for form in (self.build / path, pathlib.Path(path)):
-                    try:
-                        name = form.resolve().relative_to(self.source.resolve()).as_posix()
-                    except ValueError:
-                        continue
-                    if name.endswith(".h") and name.split("/")[0] in FOLDERS:
-                        self.headers.setdefault(name, set()).add(source)
+        owner = {output: source for source, outputs in self.outputs.items() for output in outputs}
+        top, output = str(self.source.resolve()) + "/", ""
+        for line in run(["ninja", "-C", self.build, "-t", "deps"]).splitlines():
+            if line and not line.startswith(" "):
+                output = line.partition(":")[0]
+                continue
+            name = os.path.normpath(self.build / line.strip())
+            name = name[len(top):] if name.startswith(top) else ""
+            if not name.endswith(".h") or name.split("/")[0] not in FOLDERS:
+                continue
+            if output in owner:
+                self.headers.setdefault(name, set()).add(owner[output])
+            else:
+                self.dependents.setdefault(name, set()).add(output)
 
     def sources_of(self, path):
         """What has to be compiled again when this file changes."""
@@ -225,6 +233,10 @@ class Workspace:
                 if item in owner:
                     test.objects.add(owner[item])
                     held = True
+                elif item.endswith(".o"):
+                    test.own.add(item)
+                    if node in self.links and node not in test.programs:
+                        test.programs.append(node)
                 elif re.search(r"\.so[.0-9]*$", item):
                     walk(item)
                 elif item in self.edges:
@@ -312,7 +324,8 @@ class Workspace:
         sources = self.sources_of(mutant.path)
         try:
             file.write_text(text[:mutant.start] + mutant.new + text[mutant.end:], encoding="ascii")
-            return self.run_tests(sources)
+            found = self.run_tests(sources)
+            return found if found[0] in ("caught", "not compiled") else self.run_dependents(mutant.path, found)
         finally:
             file.write_bytes(original)
             os.utime(file, ns=(dates.st_atime_ns, dates.st_mtime_ns))  # or all that includes it would be built again
@@ -344,6 +357,34 @@ class Workspace:
                 test.kills += 1
                 return "caught", test.name, said
         return ("survived" if changed else "same code"), "", ""
+
+    def run_dependents(self, path, found):
+        """The second chance of a change in a header: the tests whose own objects include it, compiled with the change."""
+        objects = self.dependents.get(path, set())
+        tests = [t for t in self.tests if t.own & objects]
+        objects = {o for t in tests for o in t.own & objects}
+        if not tests or len(objects) > MOST_DEPENDENTS:
+            return found
+        saved = {o: (self.build / o).read_bytes() for o in objects}
+        try:
+            for output in sorted(objects):
+                command = run(["ninja", "-C", self.build, "-t", "commands", "-s", output]).splitlines()[-1]
+                done = subprocess.run(re.sub(r"^\S*ccache\s+", "", command), shell=True, cwd=self.build,
+                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=False)
+                if done.returncode != 0:
+                    return "not compiled", "", ""
+            for test in tests:
+                if not all([self.link(program) for program in test.programs]):
+                    return "not compiled", test.name, "does not link"
+                passed, said = self.run_test(test, 10 + 4 * test.seconds)
+                if not passed:
+                    return "caught", test.name, said
+            return "survived", "", ""
+        finally:
+            for output, content in saved.items():
+                (self.build / output).write_bytes(content)
+            for program in {p for t in tests for p in t.programs}:
+                self.link(program)
 
     def close(self):
         """Says that no object of a mutant is left; Ninja links anew what was made of one."""
