@@ -138,7 +138,7 @@ class daemon_process {
             here.port = default_openflow_port;
             options_.endpoints.push_back(here);
         }
-        if (!platform_.load(options_.inspector, why) || !open_control(why)) {
+        if ((options_.inspector != "none" && !platform_.load(options_.inspector, why)) || !open_control(why)) {
             return false;
         }
         for (const endpoint &where : options_.endpoints) {

@@ -111,7 +111,7 @@ constexpr setting settings[] = {
     {"control", "SOCKET", set_control,
      "socket for krsdnctl (default: control in $RUNTIME_DIRECTORY or /run/krsdn); none: no socket"},
     {"inspector", "FILE", [](options &into, const std::string &value) { return set_path(into.inspector, value); },
-     "module that looks into the platform for krsdnctl"},
+     "module that looks into the platform for krsdnctl (none: no module)"},
     {"datapath-id", "HEX", set_datapath_id, "datapath id (default: the address of the first port)"},
     {"description", "TEXT",
      [](options &into, const std::string &value) {

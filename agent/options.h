@@ -25,7 +25,7 @@ struct options {
     std::string connector_config;    // empty: the connector's own default
     std::string connector_control;   // empty: a socket of the daemon's own
     std::string control;             // socket for krsdnctl; empty: the usual place; "none": there is none
-    std::string inspector;           // empty: the usual one, if it is there
+    std::string inspector;           // empty: the usual one, if it is there; "none": there is none
     std::optional<uint64_t> datapath_id;
     std::string description = "krsdn-ofagentd";
     tls_files tls;

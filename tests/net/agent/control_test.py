@@ -542,6 +542,62 @@ class Hostile(ControlTest):
             return False
 
 
+class Platforms(unittest.TestCase):
+    """What is said where the platform can't be looked into, or says something else than the agent."""
+
+    def begin(self, *arguments):
+        self.switch = switch.Switch(BUILD, 3, arguments)
+        self.addCleanup(self.switch.stop)
+        controller = self.switch.controller()
+        for flow in ({"match": of.match(in_port=P1), "priority": 300, "actions": [of.output(P2)]},
+                     {"match": of.match(in_port=P2), "priority": 200, "actions": [of.output(P1)]},
+                     {"match": of.match(), "priority": 1, "actions": []}):
+            self.assertIsNone(controller.do(of.flow_mod(**flow)))
+
+    def ctl(self, *words):
+        return subprocess.run([KRSDNCTL, "-s", self.switch.ctl, *words], stdout=subprocess.PIPE, text=True, check=False)
+
+    def test_without_an_inspector(self):
+        self.begin("--inspector", "none")
+        told = json.loads(self.ctl("--json", "audit").stdout)
+        self.assertEqual((told["findings"], told["rules"], told["platform"]), (0, 3, None))
+        done = self.ctl("audit")
+        self.assertEqual(done.returncode, 0)
+        self.assertIn("flows database and resource manager: not available on this platform", done.stdout)
+        self.assertIn("platform        cannot be looked into\n", self.ctl("show").stdout)
+        flows = json.loads(self.ctl("--json", "flows").stdout)
+        self.assertEqual({(one["offset"], one["hit_packets"]) for one in flows}, {(None, None)})
+        self.assertRegex(self.ctl("flows").stdout, r"(?m)^ +-  +300 ")
+        self.assertNotIn("platform", self.ctl("counters").stdout)
+        self.assertIn(f"output:{P2}", self.ctl("trace", f"in_port={P1}").stdout)
+
+    def test_disagreements_are_found(self):
+        self.begin("--inspector", f"{BUILD}/tests/net/agent/fake_inspector_lying.so")
+        done = self.ctl("--json", "audit")
+        self.assertEqual(done.returncode, 1)
+        told = json.loads(done.stdout)
+        self.assertEqual((told["findings"], told["flows"], told["platform"]), (6, 3, "fake"))
+        self.assertEqual({(one["rule"], one["finding"]) for one in told["disagreements"]},
+                         {(1, "offset 5: is not what it was"), (None, "offset 8: is a stranger"),
+                          (2, "has another priority in the library's flows database"),
+                          (2, "should have a counter and has none"),
+                          (3, "is not in the library's flows database"),
+                          (77, "is in the library's flows database, and belongs to no flow")})
+        text = self.ctl("audit").stdout
+        self.assertIn("rule 3 is not in the library's flows database\n", text)
+        self.assertTrue(text.endswith("6 disagreements\n"))
+        self.assertEqual([one["offset"] for one in json.loads(self.ctl("--json", "flows").stdout)], [5, 6, None])
+        self.assertIn("platform     42  dropped: for fun\n", self.ctl("counters").stdout)
+
+    def test_an_inspector_that_cannot_be_used(self):
+        for name, why in (("fake_inspector_old.so", "another version"), ("nothing.so", "nothing.so")):
+            refused = subprocess.run([f"{BUILD}/agent/krsdn-ofagentd", "--control", "none", "--inspector",
+                                      f"{BUILD}/tests/net/agent/{name}", "punix:/dev/null/x"], stderr=subprocess.PIPE,
+                                     text=True, timeout=30, check=False)
+            self.assertEqual(refused.returncode, 1)
+            self.assertIn(why, refused.stderr)
+
+
 class Place(unittest.TestCase):
     """Where the socket is, and what was there before."""
 
