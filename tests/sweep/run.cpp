@@ -79,6 +79,7 @@ outcome run_here(const operation &operation, const fault &fault, const outcome *
     if (expected != nullptr) {
         result.left = deviations(expected->at_end, result.at_end);
     }
+    world::reap();
     return result;
 }
 
@@ -203,6 +204,10 @@ outcome outcome_of(const std::string &text, int end) {
 
 } // namespace
 
+#ifdef KR_COVERAGE
+extern "C" void __gcov_dump(void); // a process that ends with _exit has to write its counts itself
+#endif
+
 outcome run_in_a_process(const operation &operation, const fault &fault, const outcome *expected) {
     int ends[2];
     if (pipe(ends) != 0) {
@@ -214,6 +219,9 @@ outcome run_in_a_process(const operation &operation, const fault &fault, const o
         close(ends[0]);
         alarm(longest_run_s);
         write_all(ends[1], packed(run_here(operation, fault, expected)));
+#ifdef KR_COVERAGE
+        __gcov_dump();
+#endif
         _exit(0);
     }
     close(ends[1]);

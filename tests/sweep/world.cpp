@@ -398,6 +398,12 @@ void world::settle() {
     }
 }
 
+void world::reap() {
+    if (!is_running(caller::control_frames)) {
+        cl_thread_destroy(&kr::general::g.control_frames_thread);
+    }
+}
+
 state world::observe() {
     const call_ledger held = ledger();
     kr_soft_usage usage{};

@@ -48,6 +48,8 @@ class world {
     std::vector<std::string> take_down();
 
     static void settle();
+    // Joins the thread that a stop has left behind unjoined, once everything has been looked at.
+    static void reap();
     [[nodiscard]] state observe();
     // What must hold whatever failed; broken rules, line by line.
     std::vector<std::string> check_rules();
