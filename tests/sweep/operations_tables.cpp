@@ -82,6 +82,24 @@ uint32_t add_with_a_shift(world &) {
     return add(flows);
 }
 
+// The last three of a batch that is placed as a whole: the shift moves flows that are placed and have no rule yet.
+constexpr uint32_t last_batch_count = 3;
+void squeeze_all_but_a_batch(world &) {
+    const uint32_t count = squeezed_count();
+    for (uint32_t i = 0; i + last_batch_count <= count; i++) {
+        (void)add(squeezed(i));
+    }
+}
+uint32_t add_batch_with_a_shift(world &) {
+    static const uint32_t last = squeezed_count();
+    records flows;
+    for (uint32_t i = 0; i < last_batch_count; i++) {
+        flows.push_back(squeezed(last - last_batch_count + 1 + i)[0]);
+        flows.back().flow_id = 11 + i;
+    }
+    return add(flows);
+}
+
 template <typename Value, auto Function> uint32_t read(std::vector<uint64_t> ids) {
     std::vector<Value> values(ids.size());
     return world::client([&] { return Function(0, ids.data(), static_cast<uint32_t>(ids.size()), values.data()); });
@@ -132,6 +150,13 @@ void add_flow_operations(std::vector<operation> &operations) {
                           .from = stage::ports,
                           .run = add_with_a_shift,
                           .prepare = squeeze,
+                          .leaves = a_place,
+                          .must_call = "kr_acl_rm_api_acl_rule_move_block"});
+    operations.push_back({.name = "flows_add_batch_with_a_shift",
+                          .covers = "pSort notification",
+                          .from = stage::ports,
+                          .run = add_batch_with_a_shift,
+                          .prepare = squeeze_all_but_a_batch,
                           .leaves = a_place,
                           .must_call = "kr_acl_rm_api_acl_rule_move_block"});
     operations.push_back(
