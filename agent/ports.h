@@ -43,11 +43,15 @@ class ports {
     /* Reads a port's states again: what may have been missed. Null if nothing has changed. */
     const of10::phy_port *refresh(uint16_t number);
 
-    /* The same, round by round, for `count` ports at a time; calls back for each that has changed. What goes on at a
-     * port without its link changing comes as no event. */
+    /* The same for `count` ports without a link, round by round; calls back for each that has changed. That such a port
+     * is taken up or down comes as no event. A port with a link loses it then, so that nothing needs to be asked. */
     template <typename Changed> void refresh_next(size_t count, Changed changed) {
         auto next = ports_.lower_bound(next_refreshed_);
-        for (; next != ports_.end() && count > 0; ++next, count--) {
+        for (; next != ports_.end() && count > 0; ++next) {
+            if ((next->second.state & of10::port_state::link_down) == 0) {
+                continue;
+            }
+            count--;
             if (refresh_states(next->second)) {
                 changed(next->second);
             }

@@ -6,6 +6,7 @@ Usage: control_test.py BUILD-FOLDER [unittest arguments]
 """
 import json
 import os
+import random
 import signal
 import socket
 import stat
@@ -454,6 +455,26 @@ class Hostile(ControlTest):
         except (BrokenPipeError, ConnectionResetError):
             pass
         self.assertEqual(client.line()["end"], "error")
+
+    def test_damaged_requests(self):
+        """Requests that are almost right, changed in random places: each has an answer, and the daemon goes on."""
+        seed = int(os.environ.get("KR_TEST_SEED", random.randrange(1 << 32)))
+        print(f"seed {seed}")
+        chance = random.Random(seed)
+        requests = [b'{"command":"show"}', b'{"command":"flows"}', b'{"command":"log","module":"FPT","level":"warning"}',
+                    b'{"command":"trace","packet":"in_port=32769,tcp,nw_src=10.0.0.1,tp_dst=80,dl_vlan=3"}',
+                    b'{"command":"trace","packet":"in_port=1,frame=' + FRAME.hex().encode() + b'"}',
+                    b'{"command":"capture","port":7}', b'{"command":"audit"}']
+        client = self.client()
+        for _ in range(2000):
+            request = bytearray(chance.choice(requests))
+            for _ in range(chance.randint(1, 4)):
+                at = chance.randrange(len(request))
+                request[at:at + chance.randint(0, 2)] = chance.choice(
+                    [b"", bytes([chance.randrange(256)]), bytes([request[at]]) * 3, b'"', b"=", b",", b"\\u0000", b"9" * 30])
+                request = request or bytearray(b"x")
+            client.answer(bytes(request.replace(b"\n", b" ")))
+        self.assertEqual(self.json("audit")["findings"], 0)
 
     def test_requests_in_pieces_and_many_at_once(self):
         client = self.client()

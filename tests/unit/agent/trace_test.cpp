@@ -3,6 +3,9 @@
  */
 #include "trace.h"
 
+#include <cstdlib>
+#include <random>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -96,6 +99,41 @@ TEST(packet_text, mistakes_are_named) {
     }
     EXPECT_THAT(refused("in_port=1,tcp,frame=0000000000000000000000000000"), HasSubstr("only in_port"));
     EXPECT_THAT(refused("in_port=1,frame=" + std::string(2 * 10241, '0')), HasSubstr("10240"));
+}
+
+// Texts that are almost right: either fields or a reason, and nothing else.
+TEST(packet_text, damaged_texts) {
+    const std::string wholes[] = {
+        "in_port=0x8001,tcp,dl_src=02:00:00:00:00:0a,dl_vlan=7,nw_src=10.0.0.1,tp_dst=80",
+        "in_port=1 frame=0200000000020200000000010800450000",
+    };
+    const char *const given = std::getenv("KR_TEST_SEED");
+    const auto seed = given != nullptr ? static_cast<unsigned>(std::stoul(given)) : std::random_device()();
+    std::mt19937 random(seed);
+    size_t refused_count = 0;
+    for (int i = 0; i < 20000; i++) {
+        const std::string &whole = wholes[random() % std::size(wholes)];
+        std::string text = whole;
+        for (unsigned j = 0; j < 1 + random() % 4 && !text.empty(); j++) {
+            const size_t at = random() % text.size();
+            switch (random() % 3) {
+            case 0:
+                text.erase(at, 1 + random() % 3);
+                break;
+            case 1:
+                text[at] = static_cast<char>(random() % 256);
+                break;
+            default:
+                text.insert(at, whole.substr(random() % whole.size(), random() % 8));
+            }
+        }
+        const auto result = packet_parse(text);
+        const auto *const why = std::get_if<std::string>(&result);
+        refused_count += why != nullptr ? 1 : 0;
+        ASSERT_TRUE(why == nullptr || !why->empty()) << "seed " << seed << ": " << text;
+    }
+    EXPECT_GT(refused_count, 0u);
+    EXPECT_LT(refused_count, 20000u) << "seed " << seed;
 }
 
 struct wanted_flow {
