@@ -695,6 +695,19 @@ class Place(unittest.TestCase):
             done = subprocess.run([KRSDNCTL, "--json", "show"], stdout=subprocess.PIPE, check=True,
                                   env=dict(os.environ, RUNTIME_DIRECTORY=folder))
             self.assertEqual(json.loads(done.stdout)["control_socket"], folder + "/control")
+            # Another daemon has its socket beside it.
+            ports = os.path.join(self.switch.folder, "later.conf")
+            with open(ports, "w", encoding="ascii") as file:
+                file.write("[ports]\nlater = 1\n")
+            second = subprocess.Popen([f"{BUILD}/agent/krsdn-ofagentd", "--connector-config", ports, f"punix:{folder}/of"],
+                                      env=dict(os.environ, RUNTIME_DIRECTORY=folder), stderr=subprocess.DEVNULL)
+            while not os.path.exists(f"{folder}/control.{second.pid}"):
+                self.assertIsNone(second.poll())
+            while not self.answers(f"{folder}/control.{second.pid}"):
+                pass
+            second.terminate()
+            self.assertEqual(second.wait(timeout=30), 0)
+            self.assertEqual(os.listdir(folder), ["control"])
         finally:
             self.switch.stop()
             os.rmdir(folder)
