@@ -408,6 +408,11 @@ control_commands::control_commands(event_loop &loop, datapath &of, const control
     server_.on_watchers_changed = [this] { watchers_changed(); };
 }
 
+control_commands::~control_commands() {
+    datapath_.feed.listener = {};
+    datapath_.packets.watch = {};
+}
+
 bool control_commands::open(const std::string &path, std::string *why) {
     if (!path.empty()) {
         return server_.open(path, why);

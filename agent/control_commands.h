@@ -19,6 +19,9 @@ namespace agent {
 class control_commands {
   public:
     control_commands(event_loop &loop, datapath &of, const controllers &connected, const platform_view &platform);
+    ~control_commands(); // nobody is told any more
+    control_commands(const control_commands &) = delete;
+    control_commands &operator=(const control_commands &) = delete;
 
     /* An empty path: the usual place, or, where a daemon that lives has it, beside it. */
     bool open(const std::string &path, std::string *why);

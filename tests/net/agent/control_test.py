@@ -563,6 +563,21 @@ class Hostile(ControlTest):
             return False
 
 
+class End(unittest.TestCase):
+    def test_the_daemon_ends_while_somebody_watches(self):
+        ended = switch.Switch(BUILD, 2)
+        controller = ended.controller()
+        watching = [Client(ended.ctl) for _ in range(3)]
+        for one, request in zip(watching, ({"command": "events"}, {"command": "capture", "port": P1}, {"command": "show"})):
+            one.say(json.dumps(request).encode() + b"\n")
+            self.assertIsNotNone(one.line())
+        self.assertIsNone(controller.do(of.flow_mod(actions=[of.output(P1), of.output(P2)])))
+        self.assertEqual(watching[0].line()["what"], "added")
+        self.assertEqual(ended.stop(), 0)
+        for one in watching:
+            one.close()
+
+
 class Platforms(unittest.TestCase):
     """What is said where the platform can't be looked into, or says something else than the agent."""
 
