@@ -33,9 +33,8 @@ std::vector<kr_soft_rule_state> rules_read() {
 // Rules come in the order of their offsets.
 const kr_soft_rule_state *rule_at(const std::vector<kr_soft_rule_state> &rules, uint64_t offset) {
     const auto found =
-        std::lower_bound(rules.begin(), rules.end(), offset, [](const kr_soft_rule_state &one, uint64_t wanted) {
-            return one.rule.set_offset < wanted;
-        });
+        std::lower_bound(rules.begin(), rules.end(), offset,
+                         [](const kr_soft_rule_state &one, uint64_t wanted) { return one.rule.set_offset < wanted; });
     return found != rules.end() && found->rule.set_offset == offset ? &*found : nullptr;
 }
 
@@ -46,10 +45,9 @@ void rules_visit(void (*visit)(void *context, const krsdn_inspected_rule *rule),
     const std::vector<kr_soft_rule_state> rules = rules_read();
     for (cl_map_item_t *item = cl_qmap_head(&acl_flows_db.flow_map); item != cl_qmap_end(&acl_flows_db.flow_map);
          item = cl_qmap_next(item)) {
-        const flow_entry &flow =
-            reinterpret_cast<const flows_db_element *>(reinterpret_cast<const char *>(item) -
-                                                       offsetof(flows_db_element, map_item))
-                ->entry;
+        const flow_entry &flow = reinterpret_cast<const flows_db_element *>(reinterpret_cast<const char *>(item) -
+                                                                            offsetof(flows_db_element, map_item))
+                                     ->entry;
         const kr_soft_rule_state *const state = rule_at(rules, flow.offset);
         krsdn_inspected_rule told{};
         told.flow_id = flow.flow_id;

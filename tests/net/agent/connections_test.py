@@ -189,9 +189,8 @@ class Tls(WithSwitch):
 
 class Size(WithSwitch):
     def test_a_thousand_flows_fit_into_ten_megabytes(self):
-        with open(DAEMON, "rb") as program:
-            if re.search(rb"__(a|t|ub)san_|__gcov_", program.read()):
-                self.skipTest("this build carries more than the daemon")
+        if not switch.is_plain(BUILD):
+            self.skipTest("this build carries more than the daemon")
         self.run_switch()
         controller = self.switch.controller()
         for flow in (lambda i: of.match(dl_src=of.mac(f"02:00:00:00:{i >> 8:02x}:{i & 255:02x}"), in_port=P1),

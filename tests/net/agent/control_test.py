@@ -511,7 +511,8 @@ class Hostile(ControlTest):
                 one.say(b'{"command":"flows"}\n')
         self.assertEqual(len(reader.answer({"command": "flows"})[0]), 500)
         self.assertEqual(self.c.barrier(), {})
-        self.assertLess(self.memory() - before, 24 << 20)  # one copy of the flows each
+        if switch.is_plain(BUILD):
+            self.assertLess(self.memory() - before, 24 << 20)  # one copy of the flows each
         self.assertEqual([one["match"] for one in lazy[3].answer(b"")[0]], [one["match"] for one in expected])
 
     def test_a_stream_that_is_not_read_loses_events_and_says_so(self):
@@ -531,12 +532,15 @@ class Hostile(ControlTest):
                 told.append(lazy.line())
         except TimeoutError:
             pass
+        # It may have been told of some already, when there was room for a moment.
         lost = self.lost()
-        self.assertEqual(len(told), count - lost)
+        self.assertEqual(sum(one["event"] == "flow" for one in told), count - lost)
+        lost -= sum(one["count"] for one in told if one["event"] == "lost")
         lazy.socket.settimeout(20)
         lazy.file = lazy.socket.makefile("rb")
         self.add(match=of.match(dl_vlan=1))
-        self.assertEqual(lazy.line(), {"event": "lost", "count": lost})
+        if lost > 0:
+            self.assertEqual(lazy.line(), {"event": "lost", "count": lost})
         self.assertEqual(lazy.line()["event"], "flow")
 
     def lost(self):

@@ -6,6 +6,7 @@ status 77 where that is not allowed. Everything made here ends with those.
 """
 import errno
 import os
+import re
 import select
 import shutil
 import socket
@@ -42,6 +43,12 @@ def enter_namespaces():
             os.execvp(start[0], [*start, sys.executable, *sys.argv])
     print("skipped: network namespaces are not allowed here")
     sys.exit(77)
+
+
+def is_plain(build):
+    """Whether the daemon is of its own size: sanitizers and the counting of lines need memory themselves."""
+    with open(f"{build}/agent/krsdn-ofagentd", "rb") as program:
+        return not re.search(rb"__(a|t|ub)san_|__gcov_", program.read())
 
 
 class Cable:
