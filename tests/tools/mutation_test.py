@@ -157,6 +157,16 @@ class Mutation(unittest.TestCase):
                 read_known(path)
             path.unlink()
 
+    def test_the_project_s_own_list_speaks_of_lines_that_are_there(self):
+        known = read_known(SOURCE / "tests/mutation/survivors.txt")
+        self.assertGreater(len(known), 0)
+        for path, *entry in known:
+            lines = [line.strip() for line in (SOURCE / path).read_text().split("\n")]
+            meant = [line[2:] for line in entry if line.startswith("- ")]
+            found = any(lines[at:at + len(meant)] == meant for at in range(len(lines)))
+            self.assertTrue(found, f"{path} has no longer: {meant}")
+            self.assertNotEqual(meant, [line[2:] for line in entry if line.startswith("+ ")])
+
 
 if __name__ == "__main__":
     unittest.main(verbosity=2)
