@@ -53,6 +53,15 @@ TEST_F(descriptor_set_test, holds_what_was_added) {
     EXPECT_FALSE(set->contains(ends[0] + 1));
 }
 
+TEST_F(descriptor_set_test, descriptor_0_is_one_and_a_negative_number_is_none) {
+    EXPECT_FALSE(set->contains(0));
+    EXPECT_TRUE(set->add(0));
+    EXPECT_TRUE(set->contains(0));
+    EXPECT_FALSE(set->add(-1));
+    EXPECT_FALSE(set->contains(-1));
+    EXPECT_FALSE(set->contains(1));
+}
+
 TEST_F(descriptor_set_test, after_wait_holds_the_readable_ones) {
     std::array<int, 2> other{};
     ASSERT_EQ(pipe2(other.data(), O_CLOEXEC), 0);

@@ -62,6 +62,7 @@ TEST_F(tables_unstarted, dependent_deinit_before_dependent_init_returns_1) {
     EXPECT_EQ(tables_dependent_deinit(), KR_SDN_HAL_STATUS_ERROR);
     ASSERT_EQ(init(), KR_SDN_HAL_STATUS_SUCCESS);
     EXPECT_EQ(tables_dependent_deinit(), KR_SDN_HAL_STATUS_ERROR);
+    EXPECT_EQ(kr::tables::g.stop_flag, 0U); // a thread of the start that follows is to live
 }
 
 TEST_F(tables_unstarted, init_after_deinit_succeeds) {
