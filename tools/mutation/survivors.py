@@ -7,6 +7,8 @@ elsewhere in the file:
     - the lines as they are
     + the lines as the mutant has them
     = equivalent: why nothing can tell the two apart   (or "accepted: why no test is worth its price")
+
+Lines that stand in the file more than once are told apart by their number: core/port.cpp #2.
 """
 
 
@@ -17,12 +19,21 @@ def lines_of(text, start, end):
     return begin, len(text) if stop < 0 else stop
 
 
+def places_of(block, text):
+    """The numbers of the lines, from 0, at which a block of lines stands in a text, whatever its indentation."""
+    meant = [line.strip() for line in block.split("\n")]
+    lines = [line.strip() for line in text.split("\n")]
+    return [at for at in range(len(lines)) if lines[at:at + len(meant)] == meant]
+
+
 def stanza(mutant, text):
     """How a mutant is written in the list, without its reason."""
     begin, stop = lines_of(text, mutant.start, mutant.end)
     before = text[begin:stop]
     after = text[begin:mutant.start] + mutant.new + text[mutant.end:stop]
-    return (mutant.path, *(f"- {line.strip()}" for line in before.split("\n")),
+    places = places_of(before, text)
+    number = f" #{places.index(text.count(chr(10), 0, begin)) + 1}" if len(places) > 1 else ""
+    return (mutant.path + number, *(f"- {line.strip()}" for line in before.split("\n")),
             *(f"+ {line.strip()}" for line in after.split("\n")))
 
 
