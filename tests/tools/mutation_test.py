@@ -129,6 +129,7 @@ class Mutation(unittest.TestCase):
         self.assertIn("1 survived: 1 equivalent", kept)
         self.assertIn("100.0 % of those that are not known to be equivalent", kept)
         self.mutate("--all", "--goal", "100", code=1)
+        self.assertIn("1 survived: 1 equivalent", self.mutate("--report", "--goal", "50", code=0))
 
         better = TREE["test.cpp"].replace("clamp(5) != 5", "clamp(100) != 100").lstrip("\n")
         (self.tree / "test.cpp").write_text(better)

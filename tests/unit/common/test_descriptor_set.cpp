@@ -62,6 +62,18 @@ TEST_F(descriptor_set_test, descriptor_0_is_one_and_a_negative_number_is_none) {
     EXPECT_FALSE(set->contains(1));
 }
 
+TEST_F(descriptor_set_test, words_that_are_not_in_use_do_not_count_whatever_the_memory_held) {
+    const auto memory = std::make_unique<uint8_t[]>(sizeof(kr::descriptor_set));
+    for (size_t i = 0; i < sizeof(kr::descriptor_set); i++) {
+        static_cast<volatile uint8_t *>(memory.get())[i] = 0xFF;
+    }
+    auto *const of_full_memory = new (memory.get()) kr::descriptor_set; // has nothing to destroy
+    EXPECT_FALSE(of_full_memory->contains(0));
+    EXPECT_TRUE(of_full_memory->add(0));
+    EXPECT_FALSE(of_full_memory->contains(63));
+    EXPECT_FALSE(of_full_memory->contains(64));
+}
+
 TEST_F(descriptor_set_test, after_wait_holds_the_readable_ones) {
     std::array<int, 2> other{};
     ASSERT_EQ(pipe2(other.data(), O_CLOEXEC), 0);

@@ -50,8 +50,12 @@ TEST_F(events_life_cycle_test, init_clears_all_120_slots) {
 }
 
 TEST_F(events_life_cycle_test, init_whose_lock_fails_leaves_the_service_uninitialised_and_may_be_retried) {
+    fill_registry(&channel);
     set_result("cl_plock_init", 1);
     EXPECT_EQ(kr_sdn_hal_srvc_init(), ERROR);
+    for (uint32_t event = 0; event < 12; event++) {
+        EXPECT_THAT(slots_of(event), Each(nullptr)) << event; // they are cleared before the lock is made
+    }
     EXPECT_EQ(kr_sdn_hal_srvc_open(&channel), ERROR);
     EXPECT_EQ(kr_sdn_hal_srvc_dependent_init(), ERROR);
     EXPECT_EQ(kr_sdn_hal_srvc_deinit(), ERROR);
