@@ -64,6 +64,7 @@ void datapath::switch_ready() {
 }
 
 void datapath::port_added(const hal_event_port_update &update) {
+    port_removed(update.port); // known already: then it is another one, with nothing of the old
     if (!known_ports.add(update)) {
         return;
     }
@@ -73,8 +74,9 @@ void datapath::port_added(const hal_event_port_update &update) {
     tell_port(of10::port_reason::add, port);
 }
 
-void datapath::port_removed(uint16_t number) {
-    const of10::phy_port *const port = known_ports.find(number);
+void datapath::port_removed(uint32_t told) {
+    const auto number = static_cast<uint16_t>(told);
+    const of10::phy_port *const port = number == told ? known_ports.find(number) : nullptr;
     if (port == nullptr) {
         return;
     }

@@ -38,7 +38,7 @@ class datapath {
     /* Events of the library. */
     void switch_ready(); // started, or started again: whatever was in hardware is gone
     void port_added(const hal_event_port_update &update);
-    void port_removed(uint16_t number); // before the removal is acknowledged
+    void port_removed(uint32_t told); // before the removal is acknowledged
     void link_changed(uint16_t number, bool is_up);
     void packet_received(const hal_event_packet &packet, of10::packet_in_reason reason);
     void packets_end(); // no further frame follows for now

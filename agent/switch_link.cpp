@@ -194,7 +194,7 @@ void switch_link::take_event(const hal_event_record &record) {
     }
     const hal_event_port_update &update = record.payload.port_update;
     if (update.reason == PORT_UPDATE_REMOVED) {
-        datapath_->port_removed(static_cast<uint16_t>(update.port));
+        datapath_->port_removed(update.port);
         std::string why;
         if (!check(kr_sdn_hal_srvc_event_ack(&record), "acknowledging the removal of a port", &why)) {
             log(log_level::error, "%s", why.c_str());

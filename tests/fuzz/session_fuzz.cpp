@@ -77,9 +77,9 @@ class switch_below {
     void require_empty() const {
         kr_soft_usage now;
         kr_soft_usage_get(&now);
-        require(now.rule_count == empty_.rule_count && now.group_count == empty_.group_count &&
-                    now.counter_count == empty_.counter_count,
-                "nothing is left in hardware");
+        require(now.rule_count == empty_.rule_count, "no rule is left in hardware");
+        require(now.group_count == empty_.group_count, "no group is left in hardware");
+        require(now.counter_count == empty_.counter_count, "no counter is left in hardware");
     }
 
   private:
@@ -366,7 +366,7 @@ class play {
         case 6: {
             const hal_event_port_update &port = the_switch().ports()[from_->below(port_count)];
             if (from_->below(2) == 0) {
-                daemon_.state().port_removed(static_cast<uint16_t>(port.port));
+                daemon_.state().port_removed(port.port);
             } else {
                 daemon_.state().port_added(port);
             }
