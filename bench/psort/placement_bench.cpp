@@ -55,7 +55,10 @@ summary summary_of(measurement *result) {
 }
 
 void print_heading(uint32_t size, const options &chosen) {
-    std::printf("\n%u slots, seeds %" PRIu64 " to %" PRIu64 "\n", size, chosen.seed, chosen.seed + chosen.rounds - 1);
+    double load = 0; // of a quiet machine when times are to mean something
+    (void)getloadavg(&load, 1);
+    std::printf("\n%u slots, seeds %" PRIu64 " to %" PRIu64 ", load average %.2f\n", size, chosen.seed,
+                chosen.seed + chosen.rounds - 1, load);
     std::printf("%-25s %8s %6s %6s %8s %8s %8s   %8s %6s %6s %9s   %s\n", "rules moved per add", "mean", "99 %", "max",
                 "calls", "cost", "ns/op", "nearest:", "99 %", "max", "cost", size == 1000 ? "goal" : "");
 }

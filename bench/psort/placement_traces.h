@@ -62,6 +62,16 @@ inline trace fill_random_with_repeats(std::mt19937_64 &random, size_t size) {
     return adds_of(priorities);
 }
 
+// Most of them low: priorities that say little about where the next one comes.
+inline trace fill_random_skewed(std::mt19937_64 &random, size_t size) {
+    std::vector<uint32_t> priorities;
+    for (size_t index = 0; index < size; ++index) {
+        const double drawn = static_cast<double>(random() >> 11) / 9007199254740992.0;
+        priorities.push_back(static_cast<uint32_t>(drawn * drawn * drawn * priority_range));
+    }
+    return adds_of(priorities);
+}
+
 inline trace fill_random_to_90_percent(std::mt19937_64 &random, size_t size) {
     trace made = fill_random(random, size);
     made.resize(size * 9 / 10);
@@ -158,9 +168,11 @@ inline trace fill_five_levels(std::mt19937_64 &random, size_t size) {
 // ---- churn ---------------------------------------------------------------------------------------------------------
 
 // Fills to `percent`, then deletes a random entry and adds one of a random priority, over and over. The first pairs
-// only forget the fill; then `pairs_per_slot` x size pairs count. Large tables get by with fewer of both.
+// only forget the fill, then those count that are measured. Large tables get by with fewer of both.
 inline trace churn(std::mt19937_64 &random, size_t size, size_t percent, size_t background_every) {
-    const size_t pairs_per_slot = size <= 10000 ? 4 : 1;
+    const bool is_large = size > 10000;
+    const size_t forgotten = is_large ? size / 4 : 5 * size;
+    const size_t measured_pairs = is_large ? size / 8 : 4 * size;
     trace made = fill_random(random, size * percent / 100);
     std::vector<uint64_t> keys;
     for (trace_operation &operation : made) {
@@ -168,8 +180,7 @@ inline trace churn(std::mt19937_64 &random, size_t size, size_t percent, size_t 
         keys.push_back(operation.key);
     }
     uint64_t next_key = keys.size() + 1;
-    const size_t forgotten = size <= 10000 ? 5 * size : size;
-    for (size_t pair = 0; pair < forgotten + pairs_per_slot * size; ++pair) {
+    for (size_t pair = 0; pair < forgotten + measured_pairs; ++pair) {
         const bool measured = pair >= forgotten;
         uint64_t &key = keys[random() % keys.size()];
         made.push_back({trace_operation::remove, measured, 0, key});
@@ -207,6 +218,7 @@ constexpr named_trace placement_traces[] = {
     {"fill, random distinct", "4 / 100 / 500; 10", fill_random},
     {"fill, the same to 90 %", "1.2 / 25 / 100", fill_random_to_90_percent},
     {"fill, random, repeats", "", fill_random_with_repeats},
+    {"fill, random, skewed", "", fill_random_skewed},
     {"fill, ascending", "0.1 / 0 / 20", fill_ascending},
     {"fill, descending", "0.1 / 0 / 20", fill_descending},
     {"fill, counting up", "0.1 / 0 / 20", fill_counting_up},

@@ -16,15 +16,24 @@ namespace {
 constexpr int32_t retreat_length = 8;
 constexpr int32_t retreat_moves = 20;
 
+constexpr double habit_memory = 1 / 64.0; // how much the latest add counts for the habits
+constexpr int32_t far_divisor = 16;       // adds this part of the table apart are scattered
+
 } // namespace
 
 planner::planner(int32_t table_size, uint32_t min_priority, uint32_t max_priority)
-    : min_priority_(min_priority), max_priority_(max_priority), search_(table_size) {
+    : table_size_(table_size), min_priority_(min_priority), max_priority_(max_priority), search_(table_size) {
     result_.shifts.reserve(std::max<size_t>(search_.max_shifts(), pull::max_shifts));
 }
 
 void planner::added(uint64_t key) {
     sequence_.placed(key);
+    const bool is_far = std::abs(result_.slot - last_slot_) > table_size_ / far_divisor;
+    habits_.scattered += habit_memory * ((is_far ? 1 : 0) - habits_.scattered);
+    habits_.replacing += habit_memory * ((is_replacement_ ? 1 : 0) - habits_.replacing);
+    habits_.evened -= habit_memory * habits_.evened;
+    last_slot_ = result_.slot;
+    is_replacement_ = false;
 }
 
 // A fill in sequence that started somewhere in the middle runs into the end of the table with half of it behind its
@@ -101,7 +110,7 @@ const plan &planner::plan_add(const shadow &table, uint32_t priority) {
         result_.slot = sequence_.goes_upward() ? made.end - 1 : made.begin;
         return result_;
     }
-    const free_run made = search_.make_room(table, room, &result_.shifts);
+    const free_run made = search_.make_room(table, room, habits_, &result_.shifts);
     result_.slot = room.has_entries() ? made.begin : slot_in_gap(table, room, priority, made.begin, made.end);
     return result_;
 }

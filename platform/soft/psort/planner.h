@@ -35,16 +35,30 @@ class planner {
     // The planned entry has been placed.
     void added(uint64_t key);
 
+    // An entry is gone.
+    void removed() {
+        is_replacement_ = true;
+    }
+
+    // The background steps have nothing left to do.
+    void evened() {
+        habits_.evened = 1;
+    }
+
   private:
     bool plan_retreat(const shadow &table, const span &room);
     int32_t slot_beside_level(const shadow &table, const span &room) const;
     int32_t slot_in_gap(const shadow &table, const span &room, uint32_t priority, int32_t begin, int32_t end) const;
 
+    int32_t table_size_ = 0;
     double min_priority_ = 0;
     double max_priority_ = 0;
     sequence sequence_;
     pull pull_;
     plan_search search_;
+    add_habits habits_;
+    bool is_replacement_ = false; // an entry has gone since the last add
+    int32_t last_slot_ = 0;       // of the last add
     plan result_;
 };
 

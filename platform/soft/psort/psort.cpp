@@ -149,6 +149,7 @@ kr_utils_status delete_entry(table &owner, const psort_entry &entry) {
         return KR_UTILS_STATUS_ENTRY_NOT_FOUND;
     }
     owner.storage->entries.remove(slot);
+    owner.storage->plans.removed();
     owner.storage->background.restart();
     notify_if_fallen(owner, static_cast<uint32_t>(owner.storage->entries.count()));
     return KR_UTILS_STATUS_SUCCESS;
@@ -234,6 +235,7 @@ kr_utils_status background_step(psort_handle handle, uint32_t *finished) {
             static_cast<int32_t>(std::min(owner.attributes.delta_size, owner.attributes.table_size));
         const shift step = owner.storage->background.plan_step(owner.storage->entries, delta_size);
         if (step.size == 0) {
+            owner.storage->plans.evened();
             return KR_UTILS_STATUS_SUCCESS;
         }
         *finished = 0;
