@@ -217,16 +217,20 @@ void connection::update_interest() {
 
 /* ---- ending ---------------------------------------------------------------------------------------------------- */
 
+// Silence counts while the peer is listened to. One that did not read is asked once it does again: it could not answer.
 void connection::check_silence() {
-    const nanoseconds silent = clock_now() - heard_;
-    if (!is_held() && silent >= 2 * probe_) {
-        close(is_open_ ? "no answer to echo requests" : "no answer");
-        return;
-    }
-    if (is_open_ && !is_held() && silent >= probe_ && !has_asked_) {
+    const nanoseconds now = clock_now();
+    const bool can_ask = is_open_ && !is_ending_;
+    if (can_ask && (is_held() || resume_.is_running())) {
+        heard_ = now;
+        has_asked_ = false;
+    } else if (can_ask && !has_asked_ && now - heard_ >= probe_) {
         has_asked_ = true;
+        asked_ = now;
         handler_.connection_silent(*this);
         send();
+    } else if (can_ask ? has_asked_ && now - asked_ >= probe_ : now - heard_ >= 2 * probe_) {
+        close(is_open_ ? "no answer to echo requests" : "no answer");
     }
     if (!is_closed_) {
         silence_.start(probe_ / 2);

@@ -109,6 +109,21 @@ class Sockets(WithSwitch):
         thread.join()
         self.assertEqual(alive.barrier(), {})
 
+    def test_who_pauses_before_it_reads_is_asked_before_it_is_given_up(self):
+        self.run_switch("--probe-interval", "0.5")
+        slow = self.switch.controller()
+        slow.send(b"".join(of.flow_mod(match=of.match(dl_vlan=i), actions=[of.output(P2)] * 20) for i in range(1000)))
+        self.assertEqual(slow.barrier(), {})
+        count = 20
+        slow.send(of.stats_request(1, of.match() + struct.pack("!BxH", 0xff, of.NONE)) * count)
+        self.assertIsNone(self.switch.cables[1].receive(2))  # much longer than it may be silent
+        while count > 0:
+            kind, _, body = slow.receive()
+            count -= kind == of.STATS_REPLY and not struct.unpack("!H", body[2:4])[0] & 1
+        slow.timeout = 2
+        self.assertRaises(TimeoutError, slow.wait, of.BARRIER_REPLY)  # answers echo requests meanwhile
+        self.assertEqual(slow.barrier(), {})
+
     def test_what_is_sent_at_once_is_answered_before_the_end(self):
         self.run_switch()
         rude = self.switch.controller(greet=False)
