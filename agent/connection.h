@@ -104,7 +104,7 @@ class connection {
     const nanoseconds probe_;
     std::unique_ptr<fd_watch> watch_;
     timer silence_;
-    timer resume_; // for requests that were held back: one round per turn of the loop
+    timer resume_;          // for requests that were held back: one round per turn of the loop
     nanoseconds heard_ = 0; // when the peer last said something, or was last not listened to
     nanoseconds asked_ = 0; // when it was asked, if it was
     bool has_asked_ = false;

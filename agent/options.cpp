@@ -63,7 +63,7 @@ std::string set_datapath_id(options &into, const std::string &value) {
 std::string set_probe(options &into, const std::string &value) {
     double seconds = 0;
     const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), seconds);
-    if (error != std::errc() || end != value.data() + value.size() || seconds < 0 || seconds > max_probe_seconds) {
+    if (error != std::errc() || end != value.data() + value.size() || !(seconds >= 0 && seconds <= max_probe_seconds)) {
         return "seconds, 0 to 3600, are expected";
     }
     into.probe = static_cast<nanoseconds>(seconds * static_cast<double>(second_ns));
@@ -149,11 +149,25 @@ struct file_reader {
     std::string wrong;
 };
 
+bool is_at_end(FILE *file) {
+    const int next = std::getc(file);
+    return next == EOF || std::ungetc(next, file) == EOF;
+}
+
+// A line that is too long would be cut, and its rest taken for a line of its own: nothing is read behind it.
 char *read_line(char *line, int room, void *reader) {
     auto &self = *static_cast<file_reader *>(reader);
-    char *const read = std::fgets(line, room, self.file);
-    self.line += read != nullptr ? 1 : 0;
-    return read;
+    if (self.wrong_line != 0 || std::fgets(line, room, self.file) == nullptr) {
+        return nullptr;
+    }
+    self.line++;
+    const size_t size = std::strlen(line);
+    if (size + 1 == static_cast<size_t>(room) && line[size - 1] != '\n' && !is_at_end(self.file)) {
+        self.wrong = "a line of at most " + std::to_string(size) + " characters is expected";
+        self.wrong_line = self.line;
+        return nullptr;
+    }
+    return line;
 }
 
 int take_line(void *reader, const char *section, const char *name, const char *value) {
@@ -195,11 +209,15 @@ std::variant<options, std::string> options_read_file(const std::string &path, op
     }
     file_reader reader{file.get(), std::move(base), 0, 0, {}};
     const int bad_line = ini_parse_stream(read_line, &reader, take_line, &reader);
-    if (bad_line == 0) {
+    if (std::ferror(file.get()) != 0) {
+        return path + ": " + std::strerror(errno);
+    }
+    const int wrong_line = bad_line != 0 ? bad_line : reader.wrong_line;
+    if (wrong_line == 0) {
         return std::move(reader.result);
     }
-    const bool is_ours = bad_line == reader.wrong_line;
-    return path + ":" + std::to_string(bad_line) + ": " +
+    const bool is_ours = wrong_line == reader.wrong_line;
+    return path + ":" + std::to_string(wrong_line) + ": " +
            (is_ours ? reader.wrong : std::string("a line \"name = value\" is expected"));
 }
 

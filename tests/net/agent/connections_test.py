@@ -320,7 +320,9 @@ class CommandLine(unittest.TestCase):
                                     (["--probe-interval", "x"], "--probe-interval x: seconds"),
                                     (["--listen", "tcp:1.2.3.4"], "ptcp:, pssl: or punix: is expected"),
                                     (["--nonsense"], "unknown option --nonsense"), (["--log"], "--log takes a value"),
-                                    (["pssl:"], "need --private-key"), (["-f", "/no/file"], "/no/file: No such file")):
+                                    (["--probe-interval", "nan"], "--probe-interval nan: seconds"),
+                                    (["pssl:"], "need --private-key"), (["-f", "/no/file"], "/no/file: No such file"),
+                                    (["-f", "/tmp"], "/tmp: Is a directory")):
             self.assertIn(expected, self.fails(*arguments))
 
     def test_mistakes_in_a_file_have_a_line(self):
@@ -328,7 +330,10 @@ class CommandLine(unittest.TestCase):
             for text, expected in (("# a comment\n\nlisten = ptcp:70000\n", ":3: listen: a port"),
                                    ("log = notice\nspeed = 3\n", ':2: unknown setting "speed"'),
                                    ("log = notice\nlog notice\n", ":2: a line"),
-                                   ("[part]\nlog = notice\n", ":2: there are no sections")):
+                                   ("[part]\nlog = notice\n", ":2: there are no sections"),
+                                   # The rest of a long line would be a setting of its own.
+                                   ("log = notice\ndescription = " + "x" * 185 + "log = debug\n", ":2: a line of at most"),
+                                   ("log = notice\nlog notice\ndescription = " + "x" * 300, ":2: a line \"name")):
                 file.seek(0)
                 file.truncate()
                 file.write(text)
