@@ -175,13 +175,21 @@ std::optional<refusal> rules::write_one(installed_rule &rule) {
     return hardware_refused;
 }
 
+// True if the library holds none of these rules any more: it is asked, not believed.
+bool rules::are_gone(std::span<const uint64_t> ids) {
+    std::vector<uint32_t> activities(ids.size());
+    return driver_.read_activity(ids, activities) == KR_SDN_HAL_STATUS_SUCCESS &&
+           std::all_of(activities.begin(), activities.end(),
+                       [](uint32_t activity) { return activity == FLOW_ACTIVITY_UNKNOWN_FLOW; });
+}
+
 // False if the rule is still in hardware.
 bool rules::erase_rule(installed_rule &rule) {
     if (rule.id == 0) {
         return true;
     }
     const kr_sdn_hal_status status = driver_.remove({&rule.id, 1});
-    if (status != KR_SDN_HAL_STATUS_SUCCESS) {
+    if (status != KR_SDN_HAL_STATUS_SUCCESS || !are_gone({&rule.id, 1})) {
         tally_.refused++;
         flow_record found{};
         const bool is_there = driver_.read({&rule.id, 1}, {&found, 1}) == KR_SDN_HAL_STATUS_SUCCESS;
@@ -343,7 +351,7 @@ std::vector<bool> rules::remove(std::span<flow *const> targets) {
             present[i]->earlier_bytes += stats[i].count_second;
         }
     }
-    if (driver_.remove(ids) == KR_SDN_HAL_STATUS_SUCCESS) {
+    if (driver_.remove(ids) == KR_SDN_HAL_STATUS_SUCCESS && are_gone(ids)) {
         for (flow *const one : present) {
             mark_erased(one->rule);
         }

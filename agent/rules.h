@@ -107,6 +107,7 @@ class rules {
     bool write_batch(std::span<installed_rule> batch);
     std::optional<refusal> write_one(installed_rule &rule);
     bool reads_back(std::span<installed_rule> batch);
+    bool are_gone(std::span<const uint64_t> ids);
     bool erase_rule(installed_rule &rule);
     void save_counts(flow &target, nanoseconds now);
     std::optional<refusal> replace_without_room(flow &target, installed_rule &fresh);

@@ -55,6 +55,9 @@ class fake_table final : public agent::table_driver {
             if (stuck.contains(id)) {
                 return KR_SDN_HAL_STATUS_ERROR;
             }
+            if (kept.contains(id)) {
+                continue;
+            }
             rules.erase(id);
             lowest_rule_count = std::min(lowest_rule_count, rules.size());
         }
@@ -113,6 +116,7 @@ class fake_table final : public agent::table_driver {
     std::map<uint64_t, rule> rules;
     std::map<uint32_t, std::vector<uint16_t>> groups;
     std::set<uint64_t> ids_seen, stuck;
+    std::set<uint64_t> kept; // are not removed, though the call says so
     std::vector<size_t> batch_sizes;
     size_t lowest_rule_count = SIZE_MAX; // after any removal
     size_t group_room = 255;

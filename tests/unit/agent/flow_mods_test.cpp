@@ -238,6 +238,25 @@ TEST(flow_mods, what_hardware_does_not_let_go_stays) {
     b.audit();
 }
 
+TEST(flow_mods, a_removal_is_looked_at_and_not_believed) {
+    bench b;
+    for (uint16_t i = 1; i <= 3; i++) {
+        ASSERT_TRUE(b.add(i, i, {}, of10::flow_mod_flag::send_flow_rem));
+    }
+    b.hardware.kept.insert(b.table.find(of10::match_normalize(to_vlan(2)), 2)->rule.id);
+    EXPECT_TRUE(b.apply(bench::make(flow_mod_command::del, {}, 0, {})));
+    EXPECT_EQ(b.removed.size(), 2u);
+    EXPECT_EQ(b.only().cookie, 2u);
+    b.removed.clear();
+    EXPECT_TRUE(b.apply(bench::make(flow_mod_command::del_strict, to_vlan(2), 2, {})));
+    EXPECT_TRUE(b.removed.empty());
+    b.audit();
+    b.hardware.kept.clear();
+    EXPECT_FALSE(b.apply(bench::make(flow_mod_command::del, {}, 0, {})));
+    EXPECT_EQ(b.table.size(), 0u);
+    b.audit();
+}
+
 TEST(flow_mods, ports_that_go_and_come_back) {
     bench b;
     of10::flow_match ingress;
