@@ -175,18 +175,16 @@ void datapath::tell_removed(const flow &one, of10::flow_removed_reason reason, c
 
 /* ---- requests -------------------------------------------------------------------------------------------------- */
 
-// Stays what it was when it was first asked for, whatever ports do.
+// Stays what it was when it was first asked for, whatever ports do; before there is a port there is none to keep.
 uint64_t datapath::id() {
-    if (!id_) {
+    if (!id_ && !known_ports.all().empty()) {
         uint64_t address = 0;
-        if (!known_ports.all().empty()) {
-            for (const uint8_t byte : known_ports.all().begin()->second.hw_addr) {
-                address = address << 8 | byte;
-            }
+        for (const uint8_t byte : known_ports.all().begin()->second.hw_addr) {
+            address = address << 8 | byte;
         }
         id_ = address;
     }
-    return *id_;
+    return id_.value_or(0);
 }
 
 of10::features_reply datapath::features() {

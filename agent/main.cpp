@@ -22,6 +22,7 @@
 
 #include "control_commands.h"
 #include "controllers.h"
+#include "introspect.h"
 #include "log.h"
 #include "module_place.h"
 #include "notify.h"
@@ -34,6 +35,8 @@ namespace {
 
 constexpr const char *config_variable = "KR_CONNECTOR_CONFIG";
 constexpr const char *control_variable = "KR_CONNECTOR_CONTROL";
+constexpr nanoseconds comparison_interval = 5 * second_ns; // at least, between two after failures
+constexpr size_t max_findings_told = 10;                   // krsdnctl audit tells all
 
 // A directory for the connector's control socket, which goes with the daemon.
 class private_directory {
@@ -202,7 +205,31 @@ class daemon_process {
 
     void turn() {
         datapath_.turn(clock_now());
+        compare_after_failures();
         turn_.start(timeout_turn);
+    }
+
+    // Whenever the library has failed: does hardware still have what the agent thinks, and the library's database too?
+    void compare_after_failures() {
+        const rule_counts &tally = datapath_.programmed.tally();
+        const uint64_t failures = tally.refused + tally.mismatches;
+        if (failures == failures_compared_ || clock_now() < next_comparison_) {
+            return;
+        }
+        failures_compared_ = failures;
+        next_comparison_ = clock_now() + comparison_interval;
+        const audit_view seen = [this] {
+            const log_silence silence; // the library would name every rule that it does not find
+            return introspect_audit(datapath_, platform_);
+        }();
+        for (size_t i = 0; i < std::min(seen.findings.size(), max_findings_told); i++) {
+            const audit_finding &one = seen.findings[i];
+            const std::string which = one.rule_id != 0 ? "rule " + std::to_string(one.rule_id) + " " : "";
+            log(log_level::error, "%s%s", which.c_str(), one.text.c_str());
+        }
+        log(seen.findings.empty() ? log_level::notice : log_level::error,
+            "after a failure of the library agent and hardware were compared: %zu flows, %zu rules, %zu disagreements",
+            seen.flow_count, seen.rule_count, seen.findings.size());
     }
 
     void signal() {
@@ -233,6 +260,8 @@ class daemon_process {
     timer turn_;
     std::vector<endpoint> named_; // by the connector
     bool follows_connector_ = false;
+    uint64_t failures_compared_ = 0;
+    nanoseconds next_comparison_ = 0;
     int status_ = EXIT_FAILURE;
 };
 

@@ -4,6 +4,7 @@
 Usage: agent_test.py BUILD-FOLDER [unittest arguments]
 """
 import os
+import select
 import struct
 import sys
 import unittest
@@ -392,6 +393,87 @@ class Forwarding(AgentTest):
             self.send(1, frame(tag=tag))
             self.assertEqual(self.switch.cables[port].receive()[:40], frame(tag=tag)[:40])
             self.silent(*[p for p in (2, 3, 4) if p != port])
+
+
+class Matches(AgentTest):
+    """Each of the twelve fields by itself, in hardware: a frame that has the value is forwarded, one that differs in
+    nothing else is a miss."""
+
+    @staticmethod
+    def packet(source="10.0.0.1", destination="10.0.0.2", proto=17, tos=0, ports=(7, 8), **more):
+        data = struct.pack("!BBHHHBBH4s4s", 0x45, tos, 28, 0, 0, 64, proto, 0, of.ip(source).to_bytes(4, "big"),
+                           of.ip(destination).to_bytes(4, "big"))
+        data += bytes(ports) + b"\0" * 6 if proto == 1 else struct.pack("!HHHH", *ports, 8, 0)
+        return frame(payload=data, **more)
+
+    @staticmethod
+    def arp(operation=1, source="10.0.0.1", destination="10.0.0.2"):
+        return frame(kind=0x806, payload=struct.pack("!HHBBH6sI6sI", 1, 0x800, 6, 4, operation, A, of.ip(source), B,
+                                                     of.ip(destination)))
+
+    def test_every_field(self):
+        packet, arp, ipv4, udp, icmp = self.packet, self.arp, {"dl_type": 0x800}, {"nw_proto": 17}, {"nw_proto": 1}
+        for fields, hit, miss in (
+                ({"dl_src": A}, frame(src=A), frame(src=B[:5] + b"\x0c")),
+                ({"dl_dst": B}, frame(dst=B), frame(dst=B[:5] + b"\x0c")),
+                ({"dl_type": 0x9999}, frame(kind=0x9999), frame(kind=0x9998)),
+                ({"dl_vlan": 7}, frame(tag=0x6007), frame(tag=0x6006)),
+                ({"dl_vlan": 0xffff}, frame(), frame(tag=7)),
+                ({"dl_vlan": 7, "dl_vlan_pcp": 3}, frame(tag=0x6007), frame(tag=0x8007)),
+                ({"dl_vlan_pcp": 3}, frame(tag=0x6007), frame(tag=0x8007)),
+                (ipv4 | {"nw_tos": 0x28}, packet(tos=0x2b), packet(tos=0x2c)),  # the lower two bits do not count
+                (ipv4 | udp, packet(), packet(proto=6)),
+                (ipv4 | {"nw_src": "10.0.0.1"}, packet(), packet(source="10.0.0.3")),
+                (ipv4 | {"nw_src": "10.128.0.0/9"}, packet(source="10.200.1.1"), packet(source="10.127.255.255")),
+                (ipv4 | {"nw_dst": "10.0.0.0/30"}, packet(destination="10.0.0.3"), packet(destination="10.0.0.4")),
+                (ipv4 | {"nw_dst": "128.0.0.0/1"}, packet(destination="255.0.0.1"), packet(destination="127.0.0.1")),
+                (ipv4 | udp | {"tp_src": 7}, packet(), packet(ports=(8, 8))),
+                (ipv4 | udp | {"tp_dst": 8}, packet(), packet(ports=(7, 7))),
+                (ipv4 | {"nw_proto": 6, "tp_dst": 8}, packet(proto=6), packet(ports=(7, 8))),
+                (ipv4 | icmp | {"tp_src": 8}, packet(proto=1, ports=(8, 1)), packet(proto=1, ports=(0, 1))),
+                (ipv4 | icmp | {"tp_dst": 1}, packet(proto=1, ports=(8, 1)), packet(proto=1, ports=(8, 0))),
+                ({"dl_type": 0x806, "nw_proto": 2}, arp(2), arp(1)),
+                ({"dl_type": 0x806, "nw_src": "10.0.0.1"}, arp(), arp(source="10.0.0.3")),
+                ({"dl_type": 0x806, "nw_dst": "10.0.0.0/24"}, arp(), arp(destination="10.0.1.2"))):
+            self.add(match=of.match(**fields), actions=[of.output(P2)])
+            self.send(1, miss)
+            self.assertEqual((self.c.packet_in()["reason"], fields), (0, fields))
+            self.send(1, hit)
+            self.assertEqual(self.switch.cables[2].receive()[:54], hit[:54], fields)
+            self.silent(2)
+            self.add(command=of.DELETE)
+        self.add(match=of.match(in_port=P1), actions=[of.output(P2)])
+        self.send(3, frame())
+        self.assertEqual(self.c.packet_in()["port"], P3)
+        self.send(1, frame())
+        self.arrives(2, frame())
+
+
+class Changes(AgentTest):
+    def test_no_frame_falls_between_the_old_rule_and_the_new(self):
+        """Frames run while a flow is modified, added anew and moved by the priorities of others: none is a miss, none
+        is lost, each leaves by one of the two ports."""
+        self.add(match=of.match(in_port=P1), priority=65533, actions=[of.output(P2)])
+        arrived = []
+        for i in range(300):
+            port = (P2, P3)[i % 2]
+            self.c.send((of.flow_mod(of.MODIFY, actions=[of.output(port)]),
+                         of.flow_mod(match=of.match(in_port=P1), priority=65533, actions=[of.output(port)]),
+                         of.flow_mod(match=of.match(in_port=P4), priority=65534 + i // 3 % 2, actions=[]),
+                         of.flow_mod(of.DELETE, match=of.match(in_port=P4)))[i % 4])
+            for _ in range(20):
+                self.send(1, frame())
+            for _ in range(20):
+                sockets = [self.switch.cables[2].socket, self.switch.cables[3].socket]
+                ready = select.select(sockets, [], [], 10)[0]
+                self.assertTrue(ready, f"a frame got lost by change {i}")
+                port = 2 + sockets.index(ready[0])
+                self.arrives(port, frame())
+                arrived.append(port)
+        self.silent(2, 3)
+        self.assertEqual(self.c.barrier(), {})
+        self.assertEqual(set(arrived), {2, 3})
+        self.assertNotIn(of.PACKET_IN, [kept[0] for kept in self.c.queue])
 
 
 class Packets(AgentTest):

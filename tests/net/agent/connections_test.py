@@ -3,9 +3,11 @@
 
 Usage: connections_test.py BUILD-FOLDER [unittest arguments]
 """
+import json
 import os
 import re
 import select
+import signal
 import socket
 import ssl
 import stat
@@ -66,6 +68,16 @@ class Sockets(WithSwitch):
         self.assertEqual(controller.barrier(), {})
         controller.close()
         listening.close()
+
+    def test_tries_come_further_apart_to_the_limit(self):
+        listening, port = listener()
+        listening.close()
+        self.run_switch("--log", "debug", f"tcp:127.0.0.1:{port}", count=1)
+        delays = []
+        while len(delays) < 6:
+            self.assertIsNone(self.switch.cables[1].receive(0.5))  # nobody sends
+            delays = re.findall(r"trying again in (.*) s\n", self.switch.log_text())
+        self.assertEqual(delays[:6], ["0.5", "1.0", "2.0", "4.0", "8.0", "8.0"])
 
     def test_listening_is_on_loopback_and_on_any_free_port(self):
         self.run_switch("ptcp:0")
@@ -220,6 +232,74 @@ class Size(WithSwitch):
             self.assertIsNone(controller.do(of.flow_mod(of.DELETE)))
 
 
+class Life(WithSwitch):
+    def test_signals_are_blocked_in_every_thread(self):
+        """The library waits with select, which no signal may interrupt; they come through a descriptor."""
+        self.run_switch(count=1)
+        tasks = f"/proc/{self.switch.process.pid}/task"
+        threads = os.listdir(tasks)
+        self.assertGreater(len(threads), 1)
+        for thread in threads:
+            with open(f"{tasks}/{thread}/status", encoding="ascii") as file:
+                blocked = int(re.search(r"SigBlk:\s+(\w+)", file.read()).group(1), 16)
+            for one in (signal.SIGHUP, signal.SIGINT, signal.SIGTERM, signal.SIGPIPE):
+                self.assertTrue(blocked >> (one - 1) & 1, (thread, one))
+
+    def test_it_ends_well_whenever_it_is_interrupted(self):
+        """By Ctrl-C, also twice, from the first moment at which it has taken the signals over."""
+        folder = tempfile.mkdtemp(prefix="krsdn-agent-test-")
+        switch.run("ip", "link", "add", "i1", "type", "veth", "peer", "name", "i2")
+        with open(os.path.join(folder, "ports.conf"), "w", encoding="ascii") as file:
+            file.write("[ports]\ni1 = 1\n")
+        runtime = os.path.join(folder, "runtime")
+        os.mkdir(runtime)
+        for signals, wait_for in (([signal.SIGINT], "listening on"), ([signal.SIGINT] * 2, "port 32769 is i1"),
+                                  ([signal.SIGTERM, signal.SIGINT], "port 32769 is i1")):
+            running = subprocess.Popen(
+                [DAEMON, "--connector", f"{BUILD}/plugins/connector/connector.so", "--port-plugin",
+                 f"{BUILD}/plugins/fpt_linux/fpt_linux.so", "--connector-config", f"{folder}/ports.conf",
+                 f"punix:{folder}/openflow"], stderr=subprocess.PIPE, text=True,
+                env=dict(os.environ, RUNTIME_DIRECTORY=runtime))
+            said = ""
+            while wait_for not in said:
+                line = running.stderr.readline()
+                self.assertTrue(line, said)
+                said += line
+            for one in signals:
+                running.send_signal(one)
+            said += running.communicate(timeout=30)[1]
+            self.assertEqual((running.returncode, os.listdir(runtime), sorted(os.listdir(folder))),
+                             (0, [], ["ports.conf", "runtime"]), said)
+            self.assertNotIn("error", said)
+        switch.run("ip", "link", "del", "i1")
+        switch.run("rm", "-r", folder)
+
+    def test_without_ports_there_is_no_datapath_id_to_keep(self):
+        self.run_switch(count=0)
+        controller = self.switch.controller()
+        self.assertEqual((controller.features()["dpid"], controller.features()["ports"]), (0, []))
+        switch.run("ip", "link", "add", "i1", "type", "veth", "peer", "name", "i2")
+        self.assertTrue(self.switch.ask_connector("add i1 1").startswith("ok"))
+        _, port = controller.port_status(of.PORT_ADDED)
+        for _ in range(2):  # and once it is told, it stays
+            self.assertEqual(controller.features()["dpid"], int.from_bytes(port["hw_addr"], "big"))
+            if self.switch.ask_connector("remove i1") == "ok":
+                controller.port_status(of.PORT_DELETED)
+        switch.run("ip", "link", "del", "i1")
+
+    def test_after_a_failure_of_the_library_everything_is_compared(self):
+        self.run_switch(count=1)
+        controller = self.switch.controller()
+        self.assertIsNone(controller.do(of.flow_mod(priority=1)))
+        self.assertEqual(self.switch.ask_connector("stop"), "ok")  # takes the rule with it
+        self.assertEqual(controller.do(of.flow_mod(priority=2)), of.FLOW_EPERM)
+        while (told := re.search(r"failure of the library .*: (.*)\n", self.switch.log_text())) is None:
+            controller.barrier()
+        self.assertRegex(told.group(1), "1 flows, 1 rules, [1-9][0-9]* disagreements")
+        self.assertRegex(self.switch.log_text(), "error: rule 1 can't be read back")
+        self.assertEqual(self.switch.ask_connector("start"), "ok")
+
+
 class BackPressure(WithSwitch):
     def test_a_controller_that_does_not_read_is_not_read(self):
         self.run_switch("--probe-interval", "0")
@@ -270,6 +350,10 @@ class BackPressure(WithSwitch):
                 self.fail(f"frame {i} got lost:\n" + self.switch.log_text())
         self.assertEqual(reading.barrier(), {})
         self.assertLess(memory(self.switch.process.pid), before + 2048)
+        told = subprocess.run([f"{BUILD}/agent/ctl/krsdnctl", "--socket", self.switch.ctl, "--json", "counters"],
+                              stdout=subprocess.PIPE, check=True)
+        dropped = {one["name"]: one["count"] for one in json.loads(told.stdout)}
+        self.assertGreater(dropped["packet-ins dropped: a controller did not read"], 1000)
 
     def test_who_does_not_read_what_must_be_told_is_left(self):
         self.run_switch("--probe-interval", "0")
