@@ -278,14 +278,14 @@ class Life(WithSwitch):
         self.run_switch(count=0)
         controller = self.switch.controller()
         self.assertEqual((controller.features()["dpid"], controller.features()["ports"]), (0, []))
-        switch.run("ip", "link", "add", "i1", "type", "veth", "peer", "name", "i2")
-        self.assertTrue(self.switch.ask_connector("add i1 1").startswith("ok"))
+        switch.run("ip", "link", "add", "n1", "type", "veth", "peer", "name", "n2")
+        self.assertTrue(self.switch.ask_connector("add n1 1").startswith("ok"))
         _, port = controller.port_status(of.PORT_ADDED)
         for _ in range(2):  # and once it is told, it stays
             self.assertEqual(controller.features()["dpid"], int.from_bytes(port["hw_addr"], "big"))
-            if self.switch.ask_connector("remove i1") == "ok":
+            if self.switch.ask_connector("remove n1") == "ok":
                 controller.port_status(of.PORT_DELETED)
-        switch.run("ip", "link", "del", "i1")
+        switch.run("ip", "link", "del", "n1")
 
     def test_after_a_failure_of_the_library_everything_is_compared(self):
         self.run_switch(count=1)
