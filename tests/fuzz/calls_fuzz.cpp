@@ -10,6 +10,7 @@
  */
 #include <dlfcn.h>
 
+#include <atomic>
 #include <memory>
 
 #include "core/general_state.h"
@@ -54,7 +55,7 @@ void verbosities_set(int32_t level) {
          {&kr_HAL_API_verb_level, &kr_HAL_EVENTS_API_verb_level, &kr_HAL_API_PORT_verb_level, &kr_FPT_verb_level,
           &kr_HAL_GEN_verb_level, &kr_HAL_PORT_verb_level, &kr_FLOWS_DB_verb_level, &kr_HAL_UTILS_verb_level,
           &kr_HAL_TABLES_API_verb_level}) {
-        *verbosity = level;
+        std::atomic_ref(*verbosity).store(level, std::memory_order_relaxed); // other threads log meanwhile
     }
 }
 
