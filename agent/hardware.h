@@ -30,8 +30,7 @@ class hardware final : public table_driver {
     kr_sdn_hal_status read_stats(std::span<const uint64_t> ids, std::span<flow_stats> stats) override;
     kr_sdn_hal_status group_create(std::span<const uint16_t> ports, uint32_t *group_id) override;
     kr_sdn_hal_status group_delete(uint32_t group_id) override;
-    /* The members, in rising order. */
-    kr_sdn_hal_status group_read(uint32_t group_id, std::vector<uint16_t> *ports);
+    kr_sdn_hal_status group_read(uint32_t group_id, std::vector<uint16_t> *ports) override;
 
   private:
     uint32_t size_ = 0;

@@ -61,6 +61,17 @@ bool rules::group_acquire(const std::vector<uint16_t> &ports, uint32_t *id) {
         log(log_level::warning, "no multicast group for %zu ports", ports.size());
         return false;
     }
+    std::vector<uint16_t> members;
+    const kr_sdn_hal_status status = driver_.group_read(*id, &members);
+    if (status != KR_SDN_HAL_STATUS_SUCCESS || members != ports) {
+        tally_.mismatches++;
+        log(log_level::error, "multicast group %u reads back otherwise than it was made (status %u): taken out", *id,
+            static_cast<unsigned>(status));
+        if (driver_.group_delete(*id) != KR_SDN_HAL_STATUS_SUCCESS) {
+            tally_.refused++;
+        }
+        return false;
+    }
     groups_.emplace(ports, group{*id, 1});
     return true;
 }

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <span>
+#include <vector>
 
 #include "kr_sdn_hal.h"
 
@@ -26,6 +27,8 @@ class table_driver {
 
     virtual kr_sdn_hal_status group_create(std::span<const uint16_t> ports, uint32_t *group_id) = 0;
     virtual kr_sdn_hal_status group_delete(uint32_t group_id) = 0;
+    /* The members, in rising order. */
+    virtual kr_sdn_hal_status group_read(uint32_t group_id, std::vector<uint16_t> *ports) = 0;
 };
 
 } // namespace agent

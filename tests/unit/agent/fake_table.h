@@ -107,6 +107,14 @@ class fake_table final : public agent::table_driver {
         return groups.erase(group_id) == 1 ? KR_SDN_HAL_STATUS_SUCCESS : KR_SDN_HAL_STATUS_ERROR;
     }
 
+    kr_sdn_hal_status group_read(uint32_t group_id, std::vector<uint16_t> *ports) override {
+        *ports = groups.at(group_id);
+        if (loses_member) {
+            ports->pop_back();
+        }
+        return KR_SDN_HAL_STATUS_SUCCESS;
+    }
+
     void hit(uint64_t id, uint64_t packets) {
         rules.at(id).was_hit = true;
         rules.at(id).stats.count_first += packets;
@@ -123,6 +131,7 @@ class fake_table final : public agent::table_driver {
     size_t lost_places = 0;
     int fail_add_in = -1; // flows until one fails; -1: none
     uint16_t misread = 0;
+    bool loses_member = false; // of a group that is read
 
   private:
     uint32_t size_;

@@ -238,6 +238,19 @@ TEST(flow_mods, what_hardware_does_not_let_go_stays) {
     b.audit();
 }
 
+TEST(flow_mods, a_group_is_read_back) {
+    bench b;
+    const of10::action_list both = {action_output{2, 0}, action_output{3, 0}};
+    b.hardware.loses_member = true;
+    EXPECT_FALSE(b.add(1, 1, both));
+    EXPECT_EQ(b.programmed.tally().mismatches, 1u);
+    EXPECT_TRUE(b.hardware.groups.empty() && b.hardware.rules.empty());
+    EXPECT_EQ(b.table.size(), 0u);
+    b.hardware.loses_member = false;
+    EXPECT_TRUE(b.add(1, 1, both));
+    b.audit();
+}
+
 TEST(flow_mods, a_removal_is_looked_at_and_not_believed) {
     bench b;
     for (uint16_t i = 1; i <= 3; i++) {
