@@ -126,6 +126,13 @@ class Greeting(AgentTest):
                            (of.flow_mod(command=9), of.BAD_COMMAND)):
             self.assertEqual(self.c.do(bad), error, bad)
 
+    def test_a_header_whose_length_is_less_than_itself_is_refused(self):
+        for size in range(8):
+            self.c.send(struct.pack("!BBHI", 1, of.ECHO_REQUEST, size, size))
+            kind, xid, body = self.c.receive()
+            self.assertEqual((kind, xid, struct.unpack("!HH", body[:4])), (of.ERROR, size, of.BAD_LEN))
+        self.assertEqual(self.c.barrier(), {})
+
     def test_bytes_in_any_pieces_are_the_same_messages(self):
         data = of.flow_mod(actions=[of.output(P2)]) + of.message(of.ECHO_REQUEST, b"x" * 100, 9)
         for byte in data:
@@ -192,6 +199,13 @@ class Flows(AgentTest):
         self.send(1, frame())
         self.arrives(3, frame())
         self.assertEqual(self.c.flows()[0]["packets"], 1)
+
+    def test_a_replaced_flow_is_not_told_as_removed(self):
+        for cookie in (1, 2):
+            self.add(match=of.match(in_port=P1), cookie=cookie, flags=of.SEND_FLOW_REM, actions=[of.output(P1 + cookie)])
+        self.assertNotIn(of.FLOW_REMOVED, [kept[0] for kept in self.c.queue])
+        self.assertIsNone(self.c.do(of.flow_mod(of.DELETE)))
+        self.assertEqual(self.c.flow_removed()["cookie"], 2)
 
     def test_modify_keeps_counters_and_changes_actions(self):
         self.add(match=of.match(in_port=P1), priority=5, actions=[of.output(P2)])
@@ -378,11 +392,16 @@ class Forwarding(AgentTest):
     def test_vlan_edits(self):
         for actions, tag, expected in (([of.set_vlan_vid(5)], None, frame(tag=5)),
                                        ([of.set_vlan_vid(5)], 0x6007, frame(tag=0x6005)),
+                                       ([of.set_vlan_pcp(3)], None, frame(tag=0x6000)),
                                        ([of.set_vlan_pcp(3)], 0x0007, frame(tag=0x6007)),
+                                       ([of.strip_vlan()], None, frame()),
                                        ([of.set_vlan_pcp(3), of.set_vlan_vid(5)], 0x0007, frame(tag=0x6005)),
                                        ([of.strip_vlan()], 0x0007, frame())):
             self.add(match=of.match(in_port=P1), actions=[*actions, of.output(P2)])
             self.send(1, frame(tag=tag))
+            self.assertEqual(self.switch.cables[2].receive()[:40], expected[:40], actions)
+            # The same by the daemon itself.
+            self.assertIsNone(self.c.do(of.packet_out([*actions, of.output(P2)], frame(tag=tag))))
             self.assertEqual(self.switch.cables[2].receive()[:40], expected[:40], actions)
 
     def test_matches_on_tags(self):
