@@ -35,6 +35,10 @@ def listener():
     return listening, listening.getsockname()[1]
 
 
+# A sanitizer keeps what was given back for a while, and a shadow of everything.
+SLACK = 1 if switch.is_plain(BUILD) else 16
+
+
 def memory(pid):
     """What the process holds of its own, in KiB."""
     with open(f"/proc/{pid}/status", encoding="ascii") as file:
@@ -318,7 +322,7 @@ class BackPressure(WithSwitch):
             self.assertLess(count, 100000)
         other = self.switch.controller()
         self.assertEqual(other.barrier(), {})
-        self.assertLess(memory(self.switch.process.pid), before + 4096)
+        self.assertLess(memory(self.switch.process.pid), before + 4096 * SLACK)
         # Once it reads again, nothing was lost.
         stuck.socket.settimeout(20)
         if part:
@@ -349,7 +353,7 @@ class BackPressure(WithSwitch):
             except TimeoutError:
                 self.fail(f"frame {i} got lost:\n" + self.switch.log_text())
         self.assertEqual(reading.barrier(), {})
-        self.assertLess(memory(self.switch.process.pid), before + 2048)
+        self.assertLess(memory(self.switch.process.pid), before + 2048 * SLACK)
         told = subprocess.run([f"{BUILD}/agent/ctl/krsdnctl", "--socket", self.switch.ctl, "--json", "counters"],
                               stdout=subprocess.PIPE, check=True)
         dropped = {one["name"]: one["count"] for one in json.loads(told.stdout)}
