@@ -5,6 +5,8 @@
 
 #include <stdexcept>
 
+#include <sched.h>
+
 #include <event2/event.h>
 
 namespace agent {
@@ -32,11 +34,21 @@ event_loop::event_loop() {
 
 event_loop::~event_loop() = default;
 
-void event_loop::run() {
-    event_base_loop(base_.get(), EVLOOP_NO_EXIT_ON_EMPTY);
+void event_loop::run(nanoseconds linger) {
+    for (nanoseconds awake_until = 0; !is_stopping_;) {
+        was_ready_ = false;
+        const bool may_sleep = linger == 0 || clock_now() >= awake_until;
+        event_base_loop(base_.get(), (may_sleep ? EVLOOP_ONCE : EVLOOP_NONBLOCK) | EVLOOP_NO_EXIT_ON_EMPTY);
+        if (was_ready_) {
+            awake_until = clock_now() + linger;
+        } else if (!may_sleep) {
+            sched_yield(); // whoever is waited for may need this processor
+        }
+    }
 }
 
 void event_loop::stop() {
+    is_stopping_ = true;
     event_base_loopbreak(base_.get());
 }
 
@@ -46,7 +58,9 @@ fd_watch::fd_watch(event_loop &loop, int fd, callback on_ready)
     : loop_(loop), fd_(fd), on_ready_(std::move(on_ready)) {}
 
 void fd_watch::ready(int, short what, void *self) {
-    static_cast<fd_watch *>(self)->on_ready_((what & EV_READ) != 0, (what & EV_WRITE) != 0);
+    auto *const watch = static_cast<fd_watch *>(self);
+    watch->loop_.was_ready_ = true;
+    watch->on_ready_((what & EV_READ) != 0, (what & EV_WRITE) != 0);
 }
 
 void fd_watch::want(bool read, bool write) {

@@ -22,7 +22,9 @@ class event_loop {
     event_loop(const event_loop &) = delete;
     event_loop &operator=(const event_loop &) = delete;
 
-    void run(); // until stop()
+    /* Until stop(). After a descriptor was ready the loop looks again for `linger` before it sleeps: to be woken takes
+     * longer than to do what most messages ask for. 0: it sleeps at once. */
+    void run(nanoseconds linger);
     void stop();
 
     event_base *base() const {
@@ -33,7 +35,11 @@ class event_loop {
     struct base_free {
         void operator()(event_base *base) const;
     };
+    friend class fd_watch;
+
     std::unique_ptr<event_base, base_free> base_;
+    bool is_stopping_ = false;
+    bool was_ready_ = false; // a descriptor, since the last look
 };
 
 struct event_free {

@@ -95,7 +95,7 @@ class daemon_process {
         }
         fd_watch on_signal(loop_, signals_.get(), [this](bool, bool) { signal(); });
         on_signal.want(true, false);
-        loop_.run();
+        loop_.run(options_.busy_poll);
         return status_;
     }
 

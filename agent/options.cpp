@@ -18,6 +18,7 @@ namespace {
 
 constexpr size_t max_path = 127; // what the library's profile holds
 constexpr double max_probe_seconds = 3600;
+constexpr uint32_t max_busy_poll_us = 10'000;
 
 // Each takes a value over, or says what is expected instead.
 using setter = std::string (*)(options &into, const std::string &value);
@@ -67,6 +68,16 @@ std::string set_probe(options &into, const std::string &value) {
         return "seconds, 0 to 3600, are expected";
     }
     into.probe = static_cast<nanoseconds>(seconds * static_cast<double>(second_ns));
+    return {};
+}
+
+std::string set_busy_poll(options &into, const std::string &value) {
+    uint32_t microseconds = 0;
+    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), microseconds);
+    if (error != std::errc() || end != value.data() + value.size() || microseconds > max_busy_poll_us) {
+        return "microseconds, 0 to 10000, are expected";
+    }
+    into.busy_poll = static_cast<nanoseconds>(microseconds) * 1000;
     return {};
 }
 
@@ -130,6 +141,8 @@ constexpr setting settings[] = {
      "PEM file for ssl: and pssl:: whose certificates are accepted"},
     {"probe-interval", "SECONDS", set_probe,
      "silence after which a controller is asked whether it lives (default 5; 0: never)"},
+    {"busy-poll", "MICROSECONDS", set_busy_poll,
+     "go on looking for so long before sleeping, when something has come (default 50; 0: sleep at once)"},
     {"log", "LEVEL", set_log, "error, warning, notice (default) or debug"},
 };
 

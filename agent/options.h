@@ -30,6 +30,7 @@ struct options {
     std::string description = "krsdn-ofagentd";
     tls_files tls;
     nanoseconds probe = 5 * second_ns;
+    nanoseconds busy_poll = 50 * 1000;
     log_level verbosity = log_level::notice;
 
     bool shows_help = false;

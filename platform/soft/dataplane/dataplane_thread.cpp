@@ -6,8 +6,10 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <shared_mutex>
 
+#include <sched.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
@@ -21,6 +23,8 @@ namespace {
 
 constexpr uint64_t wake_event = uint64_t{1} << 32; // above any logical port number
 constexpr int events_per_wait = 64;
+// After a frame the thread looks again for so long before it sleeps: to be woken takes longer than to forward.
+constexpr std::chrono::microseconds linger{50};
 
 struct state {
     worker thread;
@@ -51,14 +55,20 @@ void forward_frames(worker &thread) {
     const auto buffers = std::make_unique<receive_buffers>();
     std::array<epoll_event, events_per_wait> events;
     epoll_add(thread.wake_fd(), wake_event);
+    std::chrono::steady_clock::time_point awake_until;
     while (!thread.stopping()) {
-        const int count = epoll_wait(g().epoll_fd, events.data(), events_per_wait, -1);
+        const bool may_sleep = std::chrono::steady_clock::now() >= awake_until;
+        const int count = epoll_wait(g().epoll_fd, events.data(), events_per_wait, may_sleep ? -1 : 0);
+        if (count == 0) {
+            sched_yield(); // whoever is waited for may need this processor
+        }
         for (int i = 0; i < count; i++) {
             const uint64_t data = events[static_cast<size_t>(i)].data.u64;
             if (data == wake_event) {
                 thread.wake_clear();
             } else {
                 port_turn(static_cast<uint32_t>(data), *buffers);
+                awake_until = std::chrono::steady_clock::now() + linger;
             }
         }
     }

@@ -65,12 +65,13 @@ std::variant<options, std::string> parse(std::vector<const char *> words) {
 }
 
 TEST(options, values) {
-    const auto parsed = parse({"--datapath-id", "0x00ab", "--probe-interval=2.5", "tcp:1.2.3.4", "--log", "debug",
-                               "--listen", "ptcp:7", "--description", "hall 3"});
+    const auto parsed = parse({"--datapath-id", "0x00ab", "--probe-interval=2.5", "--busy-poll", "20", "tcp:1.2.3.4",
+                               "--log", "debug", "--listen", "ptcp:7", "--description", "hall 3"});
     const auto *given = std::get_if<options>(&parsed);
     ASSERT_NE(given, nullptr) << std::get<std::string>(parsed);
     EXPECT_EQ(given->datapath_id, 0xabu);
     EXPECT_EQ(given->probe, 5 * second_ns / 2);
+    EXPECT_EQ(given->busy_poll, 20'000);
     EXPECT_EQ(given->verbosity, log_level::debug);
     EXPECT_EQ(given->description, "hall 3");
     ASSERT_EQ(given->endpoints.size(), 2u);
@@ -84,6 +85,9 @@ TEST(options, mistakes) {
                                                 {"--datapath-id", ""},
                                                 {"--datapath-id", "12345678901234567"},
                                                 {"--probe-interval", "-1"},
+                                                {"--busy-poll", "-1"},
+                                                {"--busy-poll", "10001"},
+                                                {"--busy-poll", "5us"},
                                                 {"--probe-interval", "1e9"},
                                                 {"--log", "loud"},
                                                 {"--controller", "ptcp:"},
