@@ -32,6 +32,11 @@ bool hardware::open() {
     return true;
 }
 
+bool hardware::is_up() const {
+    table_stats stats{};
+    return kr_sdn_hal_table_table_stat_get(table, &stats) == KR_SDN_HAL_STATUS_SUCCESS;
+}
+
 kr_sdn_hal_status hardware::add(std::span<flow_record> flows) {
     return kr_sdn_hal_table_entry_set(KR_SDN_HAL_CMD_ADD, table, flows.data(), count_of(flows.size()));
 }

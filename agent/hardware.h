@@ -16,6 +16,8 @@ class hardware final : public table_driver {
   public:
     /* Asks for the table's size and name; the switch has to be started. */
     bool open();
+    /* The switch is started, so there is a table to look at. */
+    bool is_up() const;
     const std::string &name() const {
         return name_;
     }

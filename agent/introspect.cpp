@@ -134,7 +134,9 @@ audit_view introspect_audit(datapath &of, const platform_view &platform) {
         view.findings.push_back({0, "the agent counts " + std::to_string(of.programmed.installed_count()) +
                                         " rules, and has " + std::to_string(meant.size())});
     }
-    const std::optional<platform_view::audit_report> report = platform.audit();
+    // A switch that is stopped has nothing below the library, and may be started at any moment.
+    const std::optional<platform_view::audit_report> report =
+        of.table.is_up() ? platform.audit() : std::optional<platform_view::audit_report>();
     view.has_platform = report.has_value();
     if (report) {
         platform_audit(meant, platform, view.findings);
