@@ -264,6 +264,7 @@ control_reply show_counters(const scene &s) {
     add("rules", "calls of the library that failed", view.rules.refused);
     add("rules", "batches that failed in the middle", view.rules.lost_batches);
     add("rules", "rules that read back otherwise", view.rules.mismatches);
+    add("rules", "left over now, and tried again: hardware did not let them go", view.strays);
     add("rules", "replacements with a gap, for the table was full", view.rules.gaps);
     add("events", "told to no controller: none was connected", view.untold);
     add("events", "not told to a client of the control socket: it did not read", s.server.lost_count());

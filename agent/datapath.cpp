@@ -14,6 +14,7 @@ namespace agent {
 namespace config = of10::port_config;
 
 constexpr size_t ports_per_turn = 16; // looked at in every turn, one after the other
+constexpr nanoseconds last_repair_pause = 32 * second_ns;
 
 /* ---- audience -------------------------------------------------------------------------------------------------- */
 
@@ -82,7 +83,7 @@ void datapath::port_removed(uint32_t told) {
     }
     const of10::phy_port gone = *port;
     if ((gone.config & config::no_recv) != 0) {
-        programmed.remove_ingress_drop(number);
+        programmed.drop_ingress_drop(number);
     }
     known_ports.remove(number);
     mods.ports_changed(known_ports.lists());
@@ -121,6 +122,7 @@ void datapath::turn(nanoseconds now) {
     if (flows.size() > 0) {
         agent::timeouts_turn(flows, programmed, mods, now);
     }
+    repair_turn(now);
     known_ports.refresh_next(ports_per_turn, [this](const of10::phy_port &port) {
         log(log_level::notice, "port %u (%s) is %s, link %s", port.port_no, port.name.c_str(),
             (port.config & config::port_down) != 0 ? "down" : "up",
@@ -129,12 +131,22 @@ void datapath::turn(nanoseconds now) {
     });
 }
 
+// What hardware has refused is tried again, more and more rarely while that does not help.
+void datapath::repair_turn(nanoseconds now) {
+    if (now < next_repair_) {
+        return;
+    }
+    repair_pause_ = mods.repair() ? std::min(2 * repair_pause_, last_repair_pause) : first_repair_pause;
+    next_repair_ = now + repair_pause_;
+}
+
 void datapath::shut_down() {
     audience_.forward_to = nullptr;
     mods.end_all();
     for (const auto &[number, port] : known_ports.all()) {
-        programmed.remove_ingress_drop(number);
+        programmed.drop_ingress_drop(number);
     }
+    (void)mods.repair(); // what is left over has its last chance
 }
 
 void datapath::tell_port(of10::port_reason reason, const of10::phy_port &port) {
@@ -240,17 +252,20 @@ std::optional<refusal> datapath::port_mod(const of10::port_mod &request) {
 // What of a port's configuration is hardware: the rule that drops, and up or down. Refused: nothing has changed.
 std::optional<refusal> datapath::port_config_apply(uint16_t number, uint32_t changed, uint32_t wanted) {
     const bool drops = (changed & wanted & config::no_recv) != 0;
+    const bool receives = (changed & ~wanted & config::no_recv) != 0;
     if (drops && (flows.size() >= programmed.capacity() || programmed.add_ingress_drop(number))) {
         return refusal{of10::error_type::bad_request, of10::bad_request::eperm, "no room for the rule that drops"};
     }
+    if (receives && !programmed.remove_ingress_drop(number)) {
+        return refusal{of10::error_type::bad_request, of10::bad_request::eperm, "the rule that drops does not go"};
+    }
     if ((changed & config::port_down) != 0 && !known_ports.set_down(number, (wanted & config::port_down) != 0)) {
         if (drops) {
-            programmed.remove_ingress_drop(number);
+            (void)programmed.remove_ingress_drop(number);
+        } else if (receives) {
+            (void)programmed.add_ingress_drop(number);
         }
         return refusal{of10::error_type::bad_request, of10::bad_request::eperm, "the port can't be set up or down"};
-    }
-    if ((changed & ~wanted & config::no_recv) != 0) {
-        programmed.remove_ingress_drop(number);
     }
     return {};
 }

@@ -79,6 +79,7 @@ class datapath {
         void packets_send() override;
     };
 
+    void repair_turn(nanoseconds now);
     std::optional<refusal> port_config_apply(uint16_t number, uint32_t changed, uint32_t wanted);
     void tell_port(of10::port_reason reason, const of10::phy_port &port);
     void tell_flow(const flow &one, const char *what, const char *why) const;
@@ -87,6 +88,9 @@ class datapath {
     audience_link audience_;
     std::optional<uint64_t> id_;
     bool was_ready_ = false;
+    static constexpr nanoseconds first_repair_pause = second_ns / 2;
+    nanoseconds repair_pause_ = first_repair_pause;
+    nanoseconds next_repair_ = 0;
 };
 
 } // namespace agent

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <utility>
 
 #include "log.h"
 
@@ -221,8 +222,13 @@ std::optional<refusal> flow_mods::modify(of10::flow_mod &&request, bool strict, 
     }
     for (size_t i = 0; i < targets.size(); i++) {
         if (auto refused = rules_.replace(*targets[i], plans[i])) {
+            while (i-- > 0) {
+                reprogram(*targets[i]); // its actions are still the old ones
+            }
             return refused;
         }
+    }
+    for (size_t i = 0; i < targets.size(); i++) {
         targets[i]->actions = request.actions;
         // As Open vSwitch does under this version of the protocol, which leaves it open; all ones: none was given.
         if (request.cookie != no_cookie) {
@@ -309,10 +315,23 @@ void flow_mods::reprogram(flow &one) {
     auto translated = translate(one.key, one.actions, ports_, missing_port::leave_out);
     const auto *plan = std::get_if<rule_plan>(&translated);
     const auto refused = plan == nullptr ? std::optional(std::get<refusal>(translated)) : rules_.replace(one, *plan);
-    if (refused) {
-        log(log_level::error, "the rule of a flow with priority %u could not be changed: %s", one.priority,
-            refused->reason);
+    if (refused && !std::exchange(one.is_unsettled, true)) {
+        log(log_level::error, "the rule of a flow with priority %u could not be changed: %s; that is tried again",
+            one.priority, refused->reason);
     }
+}
+
+bool flow_mods::repair() {
+    assert(pending_.empty());
+    bool is_left = false;
+    for (const auto &one : table_.all()) {
+        if (one->is_unsettled) {
+            reprogram(*one);
+            is_left = is_left || one->is_unsettled;
+        }
+    }
+    rules_.retry_strays();
+    return is_left || rules_.stray_count() > 0;
 }
 
 void flow_mods::ports_changed(const port_lists &ports) {

@@ -48,6 +48,9 @@ class flow_mods {
     /* The ports have changed: every rule is made what its flow means now. Nothing may be gathered, here and below. */
     void ports_changed(const port_lists &ports);
 
+    /* Hardware has refused something before: tries again to make it what it should be. False if nothing is left. */
+    bool repair();
+
     /* Ends flows for another reason than a request: time-outs. Those that hardware does not let go stay. */
     void expire(std::span<flow *const> flows, of10::flow_removed_reason reason, nanoseconds now);
 

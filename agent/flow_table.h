@@ -28,6 +28,7 @@ struct installed_rule {
     flow_record record{};              // as it was given to hardware
     std::vector<uint16_t> group_ports; // members of its group, when it forwards to one
     bool has_counter = false;
+    bool is_stuck = false; // hardware did not let it go when it was asked to
 };
 
 struct flow {
@@ -45,6 +46,7 @@ struct flow {
     nanoseconds used = 0; // no frame hit it after that
 
     installed_rule rule;
+    bool is_unsettled = false;    // hardware refused what the flow means: the rule is an earlier one, or missing
     uint64_t earlier_packets = 0; // counted by rules that this flow had before, and by the daemon itself
     uint64_t earlier_bytes = 0;
     bool is_counted = true; // false once a rule of this flow had no counter

@@ -3,6 +3,7 @@
  */
 #include "introspect.h"
 
+#include <algorithm>
 #include <map>
 
 namespace agent {
@@ -45,7 +46,8 @@ std::vector<group_view> introspect_groups(const datapath &of) {
 }
 
 counters_view introspect_counters(const datapath &of, const controllers &connected) {
-    return {of.packets.counts(), of.programmed.tally(), connected.packets_dropped(), connected.untold()};
+    return {of.packets.counts(), of.programmed.tally(), of.programmed.stray_count(), connected.packets_dropped(),
+            connected.untold()};
 }
 
 namespace {
@@ -80,6 +82,9 @@ void group_audit(datapath &of, const std::vector<uint16_t> &ports, const rules::
     for (const auto &user : of.flows.all()) {
         user_count += user->rule.id != 0 && user->rule.group_ports == ports ? 1 : 0;
     }
+    for (const installed_rule &stray : of.programmed.strays()) {
+        user_count += stray.group_ports == ports ? 1 : 0;
+    }
     if (user_count != one.user_count) {
         findings.push_back({0, "group " + std::to_string(one.id) + " counts " + std::to_string(one.user_count) +
                                    " rules, and has " + std::to_string(user_count)});
@@ -92,8 +97,8 @@ void group_audit(datapath &of, const std::vector<uint16_t> &ports, const rules::
     }
 }
 
-void platform_audit(const std::map<uint64_t, const installed_rule *> &meant, const platform_view &platform,
-                    std::vector<audit_finding> &findings) {
+void platform_audit(const std::map<uint64_t, const installed_rule *> &meant, const std::vector<installed_rule> &strays,
+                    const platform_view &platform, std::vector<audit_finding> &findings) {
     const std::map<uint64_t, krsdn_inspected_rule> kept = platform.rules();
     for (const auto &[id, rule] : meant) {
         const auto found = kept.find(id);
@@ -109,10 +114,29 @@ void platform_audit(const std::map<uint64_t, const installed_rule *> &meant, con
                                                       : "has a counter that the agent does not know of"});
         }
     }
+    const auto is_stray = [&](uint64_t id) {
+        return std::any_of(strays.begin(), strays.end(), [id](const installed_rule &one) { return one.id == id; });
+    };
     for (const auto &[id, rule] : kept) {
-        if (!meant.contains(id)) {
+        if (!meant.contains(id) && !is_stray(id)) {
             findings.push_back({id, "is in the library's flows database, and belongs to no flow"});
         }
+    }
+}
+
+// What the agent knows to be otherwise than it should be; it is being tried again.
+void known_audit(datapath &of, std::vector<audit_finding> &findings) {
+    for (const auto &one : of.flows.all()) {
+        if (one->is_unsettled) {
+            findings.push_back({one->rule.id, one->rule.id == 0 ? "a flow has no rule: hardware refused it"
+                                                                : "is an earlier one: hardware refused a later"});
+        }
+    }
+    for (const installed_rule &rule : of.programmed.strays()) {
+        findings.push_back({rule.id, "is left over: hardware did not let it go"});
+    }
+    for (const uint32_t id : of.programmed.stray_groups()) {
+        findings.push_back({0, "group " + std::to_string(id) + " is left over: hardware did not let it go"});
     }
 }
 
@@ -130,7 +154,8 @@ audit_view introspect_audit(datapath &of, const platform_view &platform) {
     for (const auto &[ports, one] : of.programmed.groups()) {
         group_audit(of, ports, one, view.findings);
     }
-    if (of.programmed.installed_count() != meant.size()) {
+    known_audit(of, view.findings);
+    if (of.programmed.installed_count() != meant.size() + of.programmed.strays().size()) {
         view.findings.push_back({0, "the agent counts " + std::to_string(of.programmed.installed_count()) +
                                         " rules, and has " + std::to_string(meant.size())});
     }
@@ -139,7 +164,7 @@ audit_view introspect_audit(datapath &of, const platform_view &platform) {
         of.table.is_up() ? platform.audit() : std::optional<platform_view::audit_report>();
     view.has_platform = report.has_value();
     if (report) {
-        platform_audit(meant, platform, view.findings);
+        platform_audit(meant, of.programmed.strays(), platform, view.findings);
         for (const platform_view::finding &one : report->findings) {
             view.findings.push_back({one.rule_id, "offset " + std::to_string(one.offset) + ": " + one.text});
         }

@@ -37,6 +37,7 @@ struct group_view {
 struct counters_view {
     packet_counts packets;
     rule_counts rules;
+    uint64_t strays;             // rules and groups that are left over now
     uint64_t packet_ins_dropped; // because a controller did not read
     uint64_t untold;             // FLOW_REMOVED and PORT_STATUS while no controller was connected
 };

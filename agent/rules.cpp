@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "log.h"
 
@@ -67,9 +68,7 @@ bool rules::group_acquire(const std::vector<uint16_t> &ports, uint32_t *id) {
         tally_.mismatches++;
         log(log_level::error, "multicast group %u reads back otherwise than it was made (status %u): taken out", *id,
             static_cast<unsigned>(status));
-        if (driver_.group_delete(*id) != KR_SDN_HAL_STATUS_SUCCESS) {
-            tally_.refused++;
-        }
+        group_delete(*id);
         return false;
     }
     groups_.emplace(ports, group{*id, 1});
@@ -81,12 +80,17 @@ void rules::group_release(const std::vector<uint16_t> &ports) {
     if (ports.empty() || found == groups_.end() || --found->second.user_count > 0) {
         return;
     }
-    if (driver_.group_delete(found->second.id) != KR_SDN_HAL_STATUS_SUCCESS) {
-        tally_.refused++;
-        log(log_level::error, "multicast group %u could not be deleted; it stays until the switch is reset",
-            found->second.id);
-    }
+    const uint32_t id = found->second.id;
     groups_.erase(found);
+    group_delete(id);
+}
+
+void rules::group_delete(uint32_t id) {
+    if (driver_.group_delete(id) != KR_SDN_HAL_STATUS_SUCCESS) {
+        tally_.refused++;
+        log(log_level::error, "multicast group %u could not be deleted; that is tried again", id);
+        stray_groups_.push_back(id);
+    }
 }
 
 /* ---- one rule -------------------------------------------------------------------------------------------------- */
@@ -161,7 +165,7 @@ bool rules::reads_back(std::span<installed_rule> batch) {
         tally_.mismatches++;
         log(log_level::error, "rule %llu reads back otherwise than it was written (status %u): taken out",
             static_cast<unsigned long long>(batch[i].id), static_cast<unsigned>(status));
-        (void)erase_rule(batch[i]);
+        take_out(batch[i]);
     }
     return is_good;
 }
@@ -204,15 +208,48 @@ bool rules::erase_rule(installed_rule &rule) {
         tally_.refused++;
         flow_record found{};
         const bool is_there = driver_.read({&rule.id, 1}, {&found, 1}) == KR_SDN_HAL_STATUS_SUCCESS;
-        log(log_level::error, "rule %llu could not be deleted: status %u; it is %s",
-            static_cast<unsigned long long>(rule.id), static_cast<unsigned>(status),
-            is_there ? "still in hardware" : "gone from hardware, but not its place");
+        if (!rule.is_stuck) { // told once, however often it is tried
+            log(log_level::error, "rule %llu could not be deleted: status %u; it is %s",
+                static_cast<unsigned long long>(rule.id), static_cast<unsigned>(status),
+                is_there ? "still in hardware" : "gone from hardware, but not its place");
+        }
         if (is_there) {
+            rule.is_stuck = true;
             return false;
         }
     }
     mark_erased(rule);
     return true;
+}
+
+// Out of hardware with a rule that no flow is to have (id 0 afterwards). One that stays is a stray from now on.
+void rules::take_out(installed_rule &rule) {
+    if (!erase_rule(rule)) {
+        log(log_level::error, "rule %llu belongs to no flow now; deleting it is tried again",
+            static_cast<unsigned long long>(rule.id));
+        strays_.push_back(std::exchange(rule, {}));
+    }
+}
+
+// Silent, and not counted as failures anew: that these are left is known.
+void rules::retry_strays() {
+    const log_silence silence;
+    std::erase_if(strays_, [this](installed_rule &rule) {
+        const bool is_gone = driver_.remove({&rule.id, 1}) == KR_SDN_HAL_STATUS_SUCCESS && are_gone({&rule.id, 1});
+        if (is_gone) {
+            log(log_level::notice, "rule %llu, which was left over, is deleted",
+                static_cast<unsigned long long>(rule.id));
+            mark_erased(rule);
+        }
+        return is_gone;
+    });
+    std::erase_if(stray_groups_, [this](uint32_t id) {
+        const bool is_gone = driver_.group_delete(id) == KR_SDN_HAL_STATUS_SUCCESS;
+        if (is_gone) {
+            log(log_level::notice, "multicast group %u, which was left over, is deleted", id);
+        }
+        return is_gone;
+    });
 }
 
 /* ---- flows ----------------------------------------------------------------------------------------------------- */
@@ -260,6 +297,12 @@ void rules::save_counts(flow &target, nanoseconds now) {
 }
 
 std::optional<refusal> rules::replace(flow &target, const rule_plan &plan) {
+    const std::optional<refusal> refused = replace_rule(target, plan);
+    target.is_unsettled = target.is_unsettled && refused;
+    return refused;
+}
+
+std::optional<refusal> rules::replace_rule(flow &target, const rule_plan &plan) {
     if (!plan.can_match) {
         save_counts(target, clock_now());
         return erase_rule(target.rule) ? std::nullopt : std::optional(hardware_refused);
@@ -284,7 +327,7 @@ std::optional<refusal> rules::replace(flow &target, const rule_plan &plan) {
         const bool had_counter = target.rule.has_counter;
         save_counts(target, clock_now());
         if (!erase_rule(target.rule)) {
-            (void)erase_rule(fresh);
+            take_out(fresh);
             return hardware_refused;
         }
         target.rule = std::move(fresh);
@@ -320,6 +363,7 @@ std::optional<refusal> rules::replace_without_room(flow &target, installed_rule 
     }
     if (const auto lost = write_one(old)) {
         log(log_level::error, "a flow lost its rule: neither the new nor the old one could be written");
+        target.is_unsettled = true;
         return lost;
     }
     target.rule = std::move(old);
@@ -337,7 +381,7 @@ void rules::keep_counter(flow &target) {
         if (erase_rule(target.rule)) {
             target.rule = std::move(again);
         } else {
-            (void)erase_rule(again);
+            take_out(again);
         }
     }
 }
@@ -425,6 +469,9 @@ std::optional<refusal> rules::add_ingress_drop(uint16_t port) {
     rule.record.in_port = port;
     rule.record.in_port_mask = 1;
     rule.record.action = FLOW_ACTION_DROP;
+    if (drops_.contains(port)) {
+        return {};
+    }
     if (installed_ >= driver_.size()) {
         return table_full;
     }
@@ -435,19 +482,30 @@ std::optional<refusal> rules::add_ingress_drop(uint16_t port) {
     return refused;
 }
 
-void rules::remove_ingress_drop(uint16_t port) {
+bool rules::remove_ingress_drop(uint16_t port) {
     const auto found = drops_.find(port);
-    if (found != drops_.end() && erase_rule(found->second)) {
+    if (found != drops_.end() && !erase_rule(found->second)) {
+        return false;
+    }
+    drops_.erase(port);
+    return true;
+}
+
+void rules::drop_ingress_drop(uint16_t port) {
+    const auto found = drops_.find(port);
+    if (found != drops_.end()) {
+        take_out(found->second);
         drops_.erase(found);
     }
 }
 
 void rules::forget_all() {
     for (const auto &[ports, one] : groups_) {
-        (void)driver_.group_delete(one.id);
+        group_delete(one.id);
     }
     groups_.clear();
     drops_.clear();
+    strays_.clear();
     installed_ = 0;
     counters_used_ = 0;
     writes_singly_ = false;

@@ -5,7 +5,9 @@
  *
  * Hardware ids are never used twice. A batch that hardware refuses in the middle leaves rules that nobody can delete;
  * that is told once as an error, counted (lost_batches), and from then on rules are written one by one, which leaves
- * none. Everything that is written is read back and compared; a rule that reads back otherwise is taken out again.
+ * none. Everything that is written is read back and compared; a rule that reads back otherwise is taken out again. One
+ * that hardware does not let go then belongs to no flow: it is a stray, which keeps its place and its group, is told by
+ * the audit, and is tried again until it is gone (retry_strays).
  */
 #ifndef KR_AGENT_RULES_H
 #define KR_AGENT_RULES_H
@@ -59,7 +61,10 @@ class rules {
 
     /* The daemon's own rule above all flows: drops what enters by the port. */
     std::optional<refusal> add_ingress_drop(uint16_t port);
-    void remove_ingress_drop(uint16_t port);
+    /* False if hardware did not let it go: it still drops. */
+    bool remove_ingress_drop(uint16_t port);
+    /* The port is gone, so the rule must not be there for the next of that number. */
+    void drop_ingress_drop(uint16_t port);
 
     /* Reads activity and moves `used` of those that were hit. */
     void read_activity(std::span<flow *const> targets, nanoseconds now);
@@ -78,7 +83,7 @@ class rules {
     }
     /* Flows that may exist beside the daemon's own rules. */
     size_t capacity() const {
-        return driver_.size() - drops_.size();
+        return driver_.size() - drops_.size() - strays_.size();
     }
     const rule_counts &tally() const {
         return tally_;
@@ -99,6 +104,19 @@ class rules {
         return counters_used_;
     }
 
+    /* Rules and groups that nothing needs any more, and that hardware did not let go. */
+    const std::vector<installed_rule> &strays() const {
+        return strays_;
+    }
+    const std::vector<uint32_t> &stray_groups() const {
+        return stray_groups_;
+    }
+    size_t stray_count() const {
+        return strays_.size() + stray_groups_.size();
+    }
+    /* Tries again to get them out of hardware. */
+    void retry_strays();
+
     /* The switch was stopped, and took every rule with it: forgets them, and removes the groups, which stayed. */
     void forget_all();
 
@@ -109,6 +127,8 @@ class rules {
     bool reads_back(std::span<installed_rule> batch);
     bool are_gone(std::span<const uint64_t> ids);
     bool erase_rule(installed_rule &rule);
+    void take_out(installed_rule &rule);
+    std::optional<refusal> replace_rule(flow &target, const rule_plan &plan);
     void save_counts(flow &target, nanoseconds now);
     std::optional<refusal> replace_without_room(flow &target, installed_rule &fresh);
     void keep_counter(flow &target);
@@ -116,11 +136,14 @@ class rules {
     void mark_erased(installed_rule &rule);
     bool group_acquire(const std::vector<uint16_t> &ports, uint32_t *id);
     void group_release(const std::vector<uint16_t> &ports);
+    void group_delete(uint32_t id);
 
     table_driver &driver_;
     priority_map priorities_;
     std::map<std::vector<uint16_t>, group> groups_;
     std::map<uint16_t, installed_rule> drops_;
+    std::vector<installed_rule> strays_;
+    std::vector<uint32_t> stray_groups_;
     uint64_t next_id_ = 1;
     size_t installed_ = 0;
     uint32_t counters_used_ = 0;

@@ -35,6 +35,9 @@ class fake_table final : public agent::table_driver {
             if (rules.size() + lost_places >= size_) {
                 return KR_SDN_HAL_STATUS_NO_RESOURCES;
             }
+            if (fail_adds) {
+                return KR_SDN_HAL_STATUS_ERROR;
+            }
             if (fail_add_in == 0) {
                 fail_add_in = -1;
                 lost_places++;
@@ -69,7 +72,7 @@ class fake_table final : public agent::table_driver {
                 return KR_SDN_HAL_STATUS_ENTRY_NOT_FOUND;
             }
             flows[i] = rules[ids[i]].record;
-            flows[i].tp_src ^= misread;
+            flows[i].tp_src ^= misread_ids.contains(ids[i]) ? uint16_t{1} : misread;
         }
         return KR_SDN_HAL_STATUS_SUCCESS;
     }
@@ -104,6 +107,9 @@ class fake_table final : public agent::table_driver {
             EXPECT_FALSE(one.record.action == FLOW_ACTION_MC_GROUP && one.record.mc_group_id == group_id)
                 << "a group goes while a rule forwards to it";
         }
+        if (has_stuck_groups) {
+            return KR_SDN_HAL_STATUS_ERROR;
+        }
         return groups.erase(group_id) == 1 ? KR_SDN_HAL_STATUS_SUCCESS : KR_SDN_HAL_STATUS_ERROR;
     }
 
@@ -124,7 +130,10 @@ class fake_table final : public agent::table_driver {
     std::map<uint64_t, rule> rules;
     std::map<uint32_t, std::vector<uint16_t>> groups;
     std::set<uint64_t> ids_seen, stuck;
-    std::set<uint64_t> kept; // are not removed, though the call says so
+    std::set<uint64_t> misread_ids; // read back otherwise
+    bool fail_adds = false;         // all of them, without a lost place
+    bool has_stuck_groups = false;  // none can be deleted
+    std::set<uint64_t> kept;        // are not removed, though the call says so
     std::vector<size_t> batch_sizes;
     size_t lowest_rule_count = SIZE_MAX; // after any removal
     size_t group_room = 255;

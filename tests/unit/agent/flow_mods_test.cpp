@@ -238,6 +238,132 @@ TEST(flow_mods, what_hardware_does_not_let_go_stays) {
     b.audit();
 }
 
+// The next rules that are written get these numbers.
+std::vector<uint64_t> next_ids(const bench &b, uint64_t count) {
+    std::vector<uint64_t> ids;
+    for (uint64_t id = b.hardware.ids_seen.empty() ? 1 : *b.hardware.ids_seen.rbegin() + 1; ids.size() < count; id++) {
+        ids.push_back(id);
+    }
+    return ids;
+}
+
+TEST(flow_mods, a_rule_of_a_batch_that_reads_back_otherwise_and_stays_is_refused_and_not_forgotten) {
+    bench b;
+    std::map<uint64_t, uint16_t> refused;
+    const flow_mods::refused_handler keep = [&](uint64_t token, const refusal &why) { refused[token] = why.code; };
+    const uint64_t bad = next_ids(b, 2)[1]; // the second from the top
+    b.hardware.misread_ids = b.hardware.stuck = {bad};
+    for (uint16_t i = 0; i < 3; i++) {
+        b.mods.submit(bench::make(flow_mod_command::add, to_vlan(i), i, {action_output{2, 0}, action_output{3, 0}}), i,
+                      keep, b.now);
+    }
+    b.mods.flush(keep);
+    EXPECT_EQ(refused, (std::map<uint64_t, uint16_t>{{1, of10::flow_mod_failed::eperm}}));
+    EXPECT_EQ(b.table.size(), 2u);
+    EXPECT_EQ(b.table.find(of10::match_normalize(to_vlan(1)), 1), nullptr);
+    ASSERT_EQ(b.programmed.strays().size(), 1u);
+    EXPECT_EQ(b.programmed.strays()[0].id, bad);
+    EXPECT_TRUE(b.hardware.rules.contains(bad));
+    EXPECT_EQ(b.programmed.installed_count(), 3u);
+    EXPECT_EQ(b.programmed.capacity(), 999u); // it takes a place
+    EXPECT_FALSE(b.apply(bench::make(flow_mod_command::del, {}, 0, {})));
+    EXPECT_EQ(b.hardware.groups.size(), 1u); // it still forwards to its group
+    const uint64_t failures = b.programmed.tally().refused;
+    EXPECT_TRUE(b.mods.repair());
+    EXPECT_EQ(b.programmed.tally().refused, failures);
+    b.hardware.stuck.clear();
+    EXPECT_FALSE(b.mods.repair());
+    EXPECT_EQ(b.programmed.stray_count(), 0u);
+    EXPECT_TRUE(b.hardware.rules.empty() && b.hardware.groups.empty());
+    b.audit();
+}
+
+TEST(flow_mods, the_new_rule_of_a_modify_that_reads_back_otherwise_and_stays_is_not_forgotten) {
+    bench b;
+    ASSERT_TRUE(b.add(1, 5, {action_output{2, 0}}));
+    const uint64_t bad = next_ids(b, 1)[0];
+    b.hardware.misread_ids = b.hardware.stuck = {bad};
+    EXPECT_EQ(b.apply(bench::make(flow_mod_command::modify, {}, 0, {}))->code, of10::flow_mod_failed::eperm);
+    EXPECT_EQ(b.only().actions.size(), 1u);
+    ASSERT_EQ(b.programmed.stray_count(), 1u);
+    b.hardware.kept = std::exchange(b.hardware.stuck, {}); // says that it goes, and keeps it
+    EXPECT_TRUE(b.mods.repair());
+    b.hardware.kept.clear();
+    EXPECT_FALSE(b.mods.repair());
+    b.audit();
+}
+
+TEST(flow_mods, a_group_that_stays_is_tried_again) {
+    bench b;
+    ASSERT_TRUE(b.add(1, 1, {action_output{2, 0}, action_output{3, 0}}));
+    b.hardware.has_stuck_groups = true;
+    EXPECT_FALSE(b.apply(bench::make(flow_mod_command::del, {}, 0, {})));
+    EXPECT_EQ(b.programmed.stray_groups().size(), 1u);
+    EXPECT_TRUE(b.mods.repair());
+    b.hardware.has_stuck_groups = false;
+    EXPECT_FALSE(b.mods.repair());
+    b.audit();
+}
+
+TEST(flow_mods, a_modify_of_many_that_fails_in_the_middle_changes_none) {
+    bench b;
+    for (uint16_t i = 0; i < 5; i++) {
+        ASSERT_TRUE(b.add(i, i, {action_output{2, 0}}));
+    }
+    b.hardware.fail_add_in = 3;
+    EXPECT_TRUE(b.apply(bench::make(flow_mod_command::modify, {}, 0, {action_output{of10::ports::controller, 0}})));
+    for (const auto &one : b.table.all()) {
+        EXPECT_EQ(one->actions, of10::action_list{(action_output{2, 0})});
+        EXPECT_EQ(one->rule.record.action, static_cast<uint32_t>(FLOW_ACTION_MC_GROUP));
+    }
+    b.audit();
+}
+
+TEST(flow_mods, a_flow_that_lost_its_rule_gets_it_again) {
+    bench b(2);
+    ASSERT_TRUE(b.add(1, 1, {action_output{2, 0}}));
+    ASSERT_TRUE(b.add(2, 2, {action_output{2, 0}}));
+    b.hardware.fail_adds = true; // neither the new rule nor the old one
+    EXPECT_TRUE(b.apply(bench::make(flow_mod_command::modify_strict, to_vlan(1), 1, {})));
+    EXPECT_EQ(b.hardware.rules.size(), 1u);
+    EXPECT_EQ(b.table.size(), 2u);
+    EXPECT_TRUE(b.mods.repair());
+    b.hardware.fail_adds = false;
+    EXPECT_FALSE(b.mods.repair());
+    EXPECT_EQ(b.hardware.rules.size(), 2u);
+    EXPECT_EQ(b.table.find(of10::match_normalize(to_vlan(1)), 1)->rule.record.action,
+              static_cast<uint32_t>(FLOW_ACTION_MC_GROUP));
+    b.audit();
+}
+
+TEST(flow_mods, a_rule_that_could_not_follow_the_ports_follows_later) {
+    bench b;
+    ASSERT_TRUE(b.add(1, 1, {action_output{4, 0}, action_output{2, 0}}));
+    b.hardware.fail_adds = true;
+    b.mods.ports_changed({{1, 2, 3}, {1, 2, 3}, {1, 2, 3}});
+    EXPECT_TRUE(b.mods.repair());
+    b.hardware.fail_adds = false;
+    EXPECT_FALSE(b.mods.repair());
+    EXPECT_EQ(b.only().rule.group_ports, std::vector<uint16_t>{2});
+    b.audit();
+}
+
+TEST(flow_mods, a_drop_of_a_port_that_stays_is_told_and_not_written_twice) {
+    bench b;
+    EXPECT_FALSE(b.programmed.add_ingress_drop(3));
+    const uint64_t id = b.programmed.ingress_drops().at(3).id;
+    b.hardware.stuck = {id};
+    EXPECT_FALSE(b.programmed.remove_ingress_drop(3));
+    EXPECT_FALSE(b.programmed.add_ingress_drop(3));
+    EXPECT_EQ(b.hardware.rules.size(), 1u);
+    b.programmed.drop_ingress_drop(3);
+    EXPECT_TRUE(b.programmed.ingress_drops().empty());
+    EXPECT_EQ(b.programmed.stray_count(), 1u);
+    b.hardware.stuck.clear();
+    EXPECT_FALSE(b.mods.repair());
+    b.audit();
+}
+
 TEST(flow_mods, a_group_is_read_back) {
     bench b;
     const of10::action_list both = {action_output{2, 0}, action_output{3, 0}};
