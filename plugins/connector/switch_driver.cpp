@@ -237,7 +237,7 @@ bool switch_driver::step_forward() {
 }
 
 bool switch_driver::step_agent() {
-    if (!is_started_ || !is_run_wanted_ || !config_.has_agent || is_agent_sent_) {
+    if (!is_started_ || !is_run_wanted_ || is_agent_sent_ || !(config_.has_agent || is_agent_known_)) {
         return false;
     }
     conn_agent_config agent = config_.agent;
@@ -246,6 +246,7 @@ bool switch_driver::step_agent() {
     }
     const uint32_t status = library_.config(CONN_CONFIG_AGENT, &agent);
     gate_.leave();
+    is_agent_known_ = config_.has_agent || status != KR_SDN_HAL_STATUS_SUCCESS;
     is_agent_sent_ = true; // tried; a failure is not tried again before the file changes or "config" asks for it
     if (status != KR_SDN_HAL_STATUS_SUCCESS) {
         failure(std::string("the agent configuration is not accepted: ") + hal_status_text(status));

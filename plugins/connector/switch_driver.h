@@ -136,6 +136,7 @@ class switch_driver {
     std::vector<port> ports_;
     std::array<bool, control_protocol_count> forwarded_{};
     bool is_agent_sent_ = false;
+    bool is_agent_known_ = false; // clients have heard of one: that it is gone has to be told as well
 
     // What failed, and is not tried again before something changes.
     bool has_start_failed_ = false;

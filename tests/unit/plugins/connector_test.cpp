@@ -160,6 +160,19 @@ TEST_F(connector_test, a_changed_file_changes_forwarding_and_agent) {
     EXPECT_EQ(library.last_agent().trailer, 6U);
 }
 
+TEST_F(connector_test, an_agent_section_that_goes_is_told_as_an_empty_one) {
+    files.write_config("[agent]\ncontroller1 = 127.0.0.1:6653\n");
+    bring_up_and_run();
+    ASSERT_TRUE(library.wait_for_events(2));
+    files.replace_config("[control]\nlldp = on\n");
+    ASSERT_TRUE(library.wait_for_events(4));
+    EXPECT_EQ(library.last_agent().entries[0].value, 0U);
+    EXPECT_EQ(library.last_agent().entries[0].number, 0U);
+    files.replace_config("[control]\nlldp = off\n"); // once
+    ASSERT_TRUE(library.wait_for_events(5));
+    EXPECT_THAT(library.events(), ElementsAre("start", "agent", "forward on 19", "agent", "forward off 19"));
+}
+
 TEST_F(connector_test, nothing_of_a_bad_new_file_is_applied) {
     bring_up_and_run();
     ASSERT_TRUE(library.wait_for_events(2));
