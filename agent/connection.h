@@ -82,8 +82,23 @@ class connection {
     const stream &bytes() const {
         return *stream_;
     }
+    /* Visits the queued messages of which not all bytes have gone out. */
+    template <typename Visit> void visit_unsent(Visit visit) const {
+        visit_messages(sending_, sent_, visit);
+        visit_messages(replies_, 0, visit);
+        visit_messages(packets_, 0, visit);
+    }
 
   private:
+    // Those that end behind the first `sent` bytes.
+    template <typename Visit> static void visit_messages(of10::byte_view queue, size_t sent, Visit &visit) {
+        for (size_t at = 0, size = 0; (size = of10::message_size(queue.subspan(at))) != 0; at += size) {
+            if (at + size > sent) {
+                visit(queue.subspan(at, size));
+            }
+        }
+    }
+
     void ready(bool can_read, bool can_write);
     void shake_hands();
     void receive();

@@ -258,6 +258,7 @@ control_reply show_counters(const scene &s) {
     add("packets", "dropped: no controller is connected", view.packets.no_controller);
     add("packets", "dropped: the port sends no packet-ins", view.packets.no_packet_in);
     add("packets", "packet-ins dropped: a controller did not read", view.packet_ins_dropped);
+    add("packets", "packet-ins lost with a controller's connection", view.lost.packet_ins);
     add("packets", "kept frames overwritten before they were asked for", view.packets.overwritten);
     add("packets", "frames into the switch", view.packets.sent);
     add("packets", "not sent: the switch did not take the frame", view.packets.send_failed);
@@ -266,6 +267,7 @@ control_reply show_counters(const scene &s) {
     add("rules", "rules that read back otherwise", view.rules.mismatches);
     add("rules", "left over now, and tried again: hardware did not let them go", view.strays);
     add("rules", "replacements with a gap, for the table was full", view.rules.gaps);
+    add("events", "lost with a controller's connection: it had not taken them", view.lost.notices);
     add("events", "told to no controller: none was connected", view.untold);
     add("events", "not told to a client of the control socket: it did not read", s.server.lost_count());
     for (const platform_view::drop &one : s.platform.drops()) {

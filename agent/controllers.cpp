@@ -151,6 +151,21 @@ void controllers::connect(const endpoint &where) {
     }
 }
 
+void controllers::disconnect(const endpoint &where, const std::string &why) {
+    const auto found = std::find_if(targets_.begin(), targets_.end(),
+                                    [&](const auto &candidate) { return candidate->where == where; });
+    if (found == targets_.end()) {
+        return;
+    }
+    const std::unique_ptr<target> gone = std::move(*found);
+    targets_.erase(found); // first: a session that ends would be tried again
+    if (gone->current != nullptr) {
+        gone->current->close(why);
+    } else {
+        log(log_level::notice, "%s: %s", gone->name.c_str(), why.c_str());
+    }
+}
+
 void controllers::try_target(target &one) {
     const socket_address address = endpoint_address(one.where);
     one.socket = socket_for(address);
@@ -229,6 +244,8 @@ void controllers::tell_feed(const session &one, const char *what, const std::str
 
 void controllers::session_closed(session &one, const std::string &why) {
     tell_feed(one, "lost", why);
+    lost_.notices += one.lost().notices;
+    lost_.packet_ins += one.lost().packet_ins;
     reaper_.start(0);
     const auto found = std::find_if(targets_.begin(), targets_.end(),
                                     [&](const auto &candidate) { return candidate->current == &one; });

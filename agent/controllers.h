@@ -31,6 +31,8 @@ class controllers final : public audience {
     /* Opens a listening socket; connections wait in it until start(). False, and why. */
     bool listen(endpoint where, std::string *why);
     void connect(const endpoint &where); // from start() on
+    /* Ends what connect() began: the connection, if there is one, and the tries. */
+    void disconnect(const endpoint &where, const std::string &why);
 
     void start();
     void stop(); // closes everything
@@ -48,6 +50,9 @@ class controllers final : public audience {
     };
     std::vector<peer_view> view() const;
     uint64_t packets_dropped() const;
+    const session::losses &lost() const {
+        return lost_; // with connections that ended before they had sent it
+    }
     uint64_t untold() const {
         return untold_; // messages for all controllers, when there was none
     }
@@ -75,6 +80,7 @@ class controllers final : public audience {
     timer reaper_;
     bool is_started_ = false;
     uint64_t untold_ = 0;
+    session::losses lost_;
     uint64_t dropped_before_ = 0; // by connections that are gone
 };
 

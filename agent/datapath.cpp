@@ -189,14 +189,30 @@ void datapath::tell_removed(const flow &one, of10::flow_removed_reason reason, c
 
 // Stays what it was when it was first asked for, whatever ports do; before there is a port there is none to keep.
 uint64_t datapath::id() {
-    if (!id_ && !known_ports.all().empty()) {
-        uint64_t address = 0;
-        for (const uint8_t byte : known_ports.all().begin()->second.hw_addr) {
-            address = address << 8 | byte;
+    if (!id_ && is_settled_) {
+        id_ = identity.remembered;
+        const uint64_t lowest = id_ ? 0 : lowest_address();
+        if (lowest != 0) {
+            id_ = lowest;
+            if (identity.on_chosen) {
+                identity.on_chosen(lowest);
+            }
         }
-        id_ = address;
     }
     return id_.value_or(0);
+}
+
+// Of the ports; 0: none has one. It does not depend on how they are numbered, nor on which came first.
+uint64_t datapath::lowest_address() const {
+    uint64_t lowest = 0;
+    for (const auto &[number, port] : known_ports.all()) {
+        uint64_t address = 0;
+        for (const uint8_t byte : port.hw_addr) {
+            address = address << 8 | byte;
+        }
+        lowest = address != 0 && (lowest == 0 || address < lowest) ? address : lowest;
+    }
+    return lowest;
 }
 
 of10::features_reply datapath::features() {
@@ -221,6 +237,10 @@ std::optional<refusal> datapath::port_mod(const of10::port_mod &request) {
     if (port->hw_addr != request.hw_addr) {
         return refusal{of10::error_type::port_mod_failed, of10::port_mod_failed::bad_hw_addr,
                        "not the address of the port"};
+    }
+    if ((request.config & request.mask & ~changeable_config) != 0) {
+        return refusal{of10::error_type::bad_request, of10::bad_request::eperm,
+                       "a configuration that ports don't have"};
     }
     const uint32_t mask = request.mask & changeable_config;
     const uint32_t wanted = (port->config & ~mask) | (request.config & mask);

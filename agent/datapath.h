@@ -5,6 +5,7 @@
 #ifndef KR_AGENT_DATAPATH_H
 #define KR_AGENT_DATAPATH_H
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,8 +22,10 @@
 namespace agent {
 
 struct datapath_identity {
-    std::optional<uint64_t> id; // none: from the address of the first port
+    std::optional<uint64_t> id; // none: the connector's, else the remembered one, else the lowest address of the ports
     std::string description;
+    std::optional<uint64_t> remembered{};         // chosen at an earlier start
+    std::function<void(uint64_t)> on_chosen = {}; // told of an id that was chosen now
 };
 
 class datapath {
@@ -43,6 +46,10 @@ class datapath {
     void packet_received(const hal_event_packet &packet, of10::packet_in_reason reason);
     void packets_end(); // no further frame follows for now
     void ports_refresh();
+    /* The first ports are known: an id can be chosen. */
+    void settled() {
+        is_settled_ = true;
+    }
 
     /* What has to be looked at from time to time: time-outs, and ports that were changed from outside. */
     void turn(nanoseconds now);
@@ -80,6 +87,7 @@ class datapath {
     };
 
     void repair_turn(nanoseconds now);
+    uint64_t lowest_address() const;
     std::optional<refusal> port_config_apply(uint16_t number, uint32_t changed, uint32_t wanted);
     void tell_port(of10::port_reason reason, const of10::phy_port &port);
     void tell_flow(const flow &one, const char *what, const char *why) const;
@@ -88,6 +96,7 @@ class datapath {
     audience_link audience_;
     std::optional<uint64_t> id_;
     bool was_ready_ = false;
+    bool is_settled_ = false;
     static constexpr nanoseconds first_repair_pause = second_ns / 2;
     nanoseconds repair_pause_ = first_repair_pause;
     nanoseconds next_repair_ = 0;

@@ -46,8 +46,8 @@ std::vector<group_view> introspect_groups(const datapath &of) {
 }
 
 counters_view introspect_counters(const datapath &of, const controllers &connected) {
-    return {of.packets.counts(), of.programmed.tally(), of.programmed.stray_count(), connected.packets_dropped(),
-            connected.untold()};
+    return {of.packets.counts(),         of.programmed.tally(), of.programmed.stray_count(),
+            connected.packets_dropped(), connected.lost(),      connected.untold()};
 }
 
 namespace {

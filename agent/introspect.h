@@ -39,6 +39,7 @@ struct counters_view {
     rule_counts rules;
     uint64_t strays;             // rules and groups that are left over now
     uint64_t packet_ins_dropped; // because a controller did not read
+    session::losses lost;        // with connections that ended before they had sent it
     uint64_t untold;             // FLOW_REMOVED and PORT_STATUS while no controller was connected
 };
 

@@ -27,6 +27,7 @@
 #include "module_place.h"
 #include "notify.h"
 #include "options.h"
+#include "remembered_id.h"
 #include "switch_link.h"
 #include "timeouts.h"
 
@@ -35,6 +36,7 @@ namespace {
 
 constexpr const char *config_variable = "KR_CONNECTOR_CONFIG";
 constexpr const char *control_variable = "KR_CONNECTOR_CONTROL";
+constexpr const char *state_variable = "STATE_DIRECTORY";
 constexpr nanoseconds comparison_interval = 5 * second_ns; // at least, between two after failures
 constexpr size_t max_findings_told = 10;                   // krsdnctl audit tells all
 
@@ -67,6 +69,13 @@ class private_directory {
     std::string path_;
 };
 
+// Where a service manager lets things outlive the daemon; of several folders the first. Empty: nowhere.
+std::string state_folder() {
+    const char *const given = getenv(state_variable);
+    const std::string folders = given != nullptr ? given : "";
+    return folders.substr(0, folders.find(':'));
+}
+
 unique_fd signals_take() {
     sigset_t signals;
     sigemptyset(&signals);
@@ -82,8 +91,11 @@ class daemon_process {
   public:
     explicit daemon_process(options given)
         : options_(std::move(given)), signals_(signals_take()), control_path_(choose_control()),
-          link_(loop_, {options_.connector, options_.port_plugin, control_path_}, link_handlers()),
-          datapath_({options_.datapath_id, options_.description},
+          id_file_(state_folder()), remembered_(id_file_.read()),
+          link_(loop_, {options_.connector, options_.port_plugin, control_path_, !options_.datapath_id && !remembered_},
+                link_handlers()),
+          datapath_({options_.datapath_id, options_.description, remembered_,
+                     [this](uint64_t chosen) { id_file_.write(chosen); }},
                     [this](uint16_t port, of10::byte_view frame) { return link_.send(port, frame); }),
           turn_(loop_, [this] { turn(); }) {}
 
@@ -172,6 +184,7 @@ class daemon_process {
     }
 
     void settled() {
+        datapath_.settled();
         controllers_->start();
         turn_.start(timeout_turn);
         service_notify("READY=1");
@@ -182,11 +195,32 @@ class daemon_process {
         if (told.trailer != 0) {
             datapath_.suggest_id(told.trailer);
         }
+        if (follows_connector_) {
+            follow(told);
+        }
+    }
+
+    // The list is the whole of it: who is not on it any more is left.
+    void follow(const hal_event_agent &told) {
+        const auto is_among = [](const endpoint &one, const std::vector<endpoint> &all) {
+            return std::find(all.begin(), all.end(), one) != all.end();
+        };
+        std::vector<endpoint> named;
         for (const hal_event_agent_entry &entry : told.entries) {
             const std::optional<endpoint> where = endpoint_of(entry);
-            if (follows_connector_ && where && std::find(named_.begin(), named_.end(), *where) == named_.end()) {
-                named_.push_back(*where);
-                controllers_->connect(*where);
+            if (where && !is_among(*where, named)) {
+                named.push_back(*where);
+            }
+        }
+        std::swap(named, named_);
+        for (const endpoint &before : named) {
+            if (!is_among(before, named_)) {
+                controllers_->disconnect(before, "the connector does not name it any more");
+            }
+        }
+        for (const endpoint &now : named_) {
+            if (!is_among(now, named)) {
+                controllers_->connect(now);
             }
         }
     }
@@ -251,6 +285,8 @@ class daemon_process {
     unique_fd signals_; // before anything that could start a thread
     std::string control_path_;
     event_loop loop_;
+    remembered_id id_file_;
+    std::optional<uint64_t> remembered_;
     switch_link link_;
     datapath datapath_;
     std::unique_ptr<tls_context> tls_;

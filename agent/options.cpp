@@ -16,7 +16,8 @@
 namespace agent {
 namespace {
 
-constexpr size_t max_path = 127; // what the library's profile holds
+constexpr size_t max_path = 127;          // what the library's profile holds
+constexpr double min_probe_seconds = 0.1; // less would keep both sides busy with nothing else
 constexpr double max_probe_seconds = 3600;
 constexpr uint32_t max_busy_poll_us = 10'000;
 
@@ -64,8 +65,9 @@ std::string set_datapath_id(options &into, const std::string &value) {
 std::string set_probe(options &into, const std::string &value) {
     double seconds = 0;
     const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), seconds);
-    if (error != std::errc() || end != value.data() + value.size() || !(seconds >= 0 && seconds <= max_probe_seconds)) {
-        return "seconds, 0 to 3600, are expected";
+    const bool is_in_range = seconds == 0 || (seconds >= min_probe_seconds && seconds <= max_probe_seconds);
+    if (error != std::errc() || end != value.data() + value.size() || !is_in_range) {
+        return "seconds are expected: 0.1 to 3600, or 0 for never";
     }
     into.probe = static_cast<nanoseconds>(seconds * static_cast<double>(second_ns));
     return {};
@@ -123,7 +125,8 @@ constexpr setting settings[] = {
      "socket for krsdnctl (default: control in $RUNTIME_DIRECTORY or /run/krsdn); none: no socket"},
     {"inspector", "FILE", [](options &into, const std::string &value) { return set_path(into.inspector, value); },
      "module that looks into the platform for krsdnctl (none: no module)"},
-    {"datapath-id", "HEX", set_datapath_id, "datapath id (default: the address of the first port)"},
+    {"datapath-id", "HEX", set_datapath_id,
+     "datapath id (default: the lowest address of the ports, remembered in $STATE_DIRECTORY)"},
     {"description", "TEXT",
      [](options &into, const std::string &value) {
          into.description = value;

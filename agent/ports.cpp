@@ -29,11 +29,10 @@ struct named_config {
     uint32_t bit;
     const char *name;
 };
-constexpr named_config config_names[] = {{of10::port_config::port_down, "down"},
-                                         {of10::port_config::no_recv, "no-receive"},
-                                         {of10::port_config::no_flood, "no-flood"},
-                                         {of10::port_config::no_fwd, "no-forward"},
-                                         {of10::port_config::no_packet_in, "no-packet-in"}};
+constexpr named_config config_names[] = {
+    {of10::port_config::port_down, "down"},     {of10::port_config::no_stp, "no-stp"},
+    {of10::port_config::no_recv, "no-receive"}, {of10::port_config::no_flood, "no-flood"},
+    {of10::port_config::no_fwd, "no-forward"},  {of10::port_config::no_packet_in, "no-packet-in"}};
 
 void read_speeds(of10::phy_port &port) {
     const log_silence silence; // many kinds of interface have no speed to tell

@@ -15,10 +15,11 @@
 
 namespace agent {
 
-/* What a controller may change of a port. */
-inline constexpr uint32_t changeable_config = of10::port_config::port_down | of10::port_config::no_recv |
-                                              of10::port_config::no_flood | of10::port_config::no_fwd |
-                                              of10::port_config::no_packet_in;
+/* What a controller may change of a port. There is no spanning tree here to take part in, so "no-stp" is kept and told,
+ * and has no effect; frames of a spanning tree are frames like others, so they can't be dropped apart (no_recv_stp). */
+inline constexpr uint32_t changeable_config = of10::port_config::port_down | of10::port_config::no_stp |
+                                              of10::port_config::no_recv | of10::port_config::no_flood |
+                                              of10::port_config::no_fwd | of10::port_config::no_packet_in;
 
 /* In events the switch reports a link in numbers of its own, not in those of the port functions. */
 inline constexpr uint32_t event_link_up = 1;

@@ -38,6 +38,11 @@ void session::connection_open(connection &) {
 void session::connection_closed(connection &, const std::string &why) {
     log(log_level::notice, "%s: %s", name_.c_str(), why.c_str());
     gathered_.clear();
+    connection_.visit_unsent([this](of10::byte_view wire) {
+        const auto type = static_cast<of10::message_type>(wire[1]);
+        lost_.notices += type == of10::message_type::flow_removed || type == of10::message_type::port_status ? 1 : 0;
+        lost_.packet_ins += type == of10::message_type::packet_in ? 1 : 0;
+    });
     on_.closed(*this, why);
 }
 
@@ -108,12 +113,13 @@ void session::refuse(of10::byte_view wire, const refusal &why) {
 
 // What nobody asked for must not be left out silently, nor pile up without end.
 void session::tell(const of10::message_body &body) {
-    if (connection_.replies().size() >= unread_limit) {
-        connection_.close("the controller does not read what it is told");
-        return;
-    }
+    const bool is_too_much = connection_.replies().size() >= unread_limit;
     reply(own_xid, body);
-    connection_.send();
+    if (is_too_much) {
+        connection_.close("the controller does not read what it is told");
+    } else {
+        connection_.send();
+    }
 }
 
 void session::packet_in(const of10::packet_in_fields &fields, of10::byte_view frame) {
@@ -183,10 +189,16 @@ void session::handle(const request &from, of10::get_config_request &) {
     reply(from.xid, of10::get_config_reply{config_.flags, config_.miss_send_len});
 }
 
-// Fragments are treated as the hardware treats them, normally; that is what is told back.
-void session::handle(const request &, of10::set_config &body) {
-    config_.flags = of10::config_flag::frag_normal;
-    config_.miss_send_len = body.miss_send_len;
+// Fragments are treated as the hardware treats them, normally; who asks for something else has to know that.
+void session::handle(const request &from, of10::set_config &body) {
+    if (body.flags != of10::config_flag::frag_normal) {
+        log(log_level::notice,
+            "%s: configuration flags %#x are refused: fragments can neither be dropped nor put together", name_.c_str(),
+            static_cast<unsigned>(body.flags));
+        refuse(from.wire, bad_request(of10::bad_request::eperm, "fragments are treated normally"));
+        return;
+    }
+    config_ = body;
 }
 
 void session::handle(const request &from, of10::packet_out &body) {

@@ -45,6 +45,14 @@ class session final : public connection_handler {
     }
 
     void tell(const of10::message_body &body);
+    /* What the connection had still to send when it ended. */
+    struct losses {
+        uint64_t notices = 0; // FLOW_REMOVED and PORT_STATUS
+        uint64_t packet_ins = 0;
+    };
+    const losses &lost() const {
+        return lost_;
+    }
     /* How much of a frame that missed this controller wants. */
     uint16_t miss_send_len() const {
         return config_.miss_send_len;
@@ -103,6 +111,7 @@ class session final : public connection_handler {
     handlers on_;
     of10::set_config config_; // as the controller has set it
     bool is_ready_ = false;
+    losses lost_;
     std::vector<of10::byte_view> gathered_; // the flow-mods of this turn, for their errors
     connection connection_;
 };

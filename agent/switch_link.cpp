@@ -20,8 +20,10 @@
 namespace agent {
 namespace {
 
-constexpr nanoseconds settle_time = 8 * millisecond_ns;        // without a further port: these are the first ones
-constexpr nanoseconds settle_limit_time = 30 * millisecond_ns; // further ports are told one by one
+constexpr nanoseconds settle_time = 8 * millisecond_ns;          // without a further port: these are the first ones
+constexpr nanoseconds settle_time_for_all = 16 * millisecond_ns; // the same where all ports are needed
+constexpr nanoseconds settle_limit_time = 30 * millisecond_ns;   // further ports are told one by one
+constexpr nanoseconds settle_limit_for_all = second_ns;
 constexpr nanoseconds stop_patience = 10 * second_ns;
 constexpr int frames_per_turn = 64;
 constexpr int events_per_turn = 32;
@@ -163,8 +165,8 @@ void switch_link::packets_opened() {
     }
     datapath_->ports_refresh(); // link changes before this moment were not told
     if (!has_settled_) {
-        settle_.start(settle_time);
-        settle_limit_.start(settle_limit_time);
+        settle_.start(settings_.needs_all_ports ? settle_time_for_all : settle_time);
+        settle_limit_.start(settings_.needs_all_ports ? settle_limit_for_all : settle_limit_time);
     }
 }
 
@@ -203,7 +205,7 @@ void switch_link::take_event(const hal_event_record &record) {
     }
     datapath_->port_added(update);
     if (!has_settled_ && settle_.is_running()) {
-        settle_.start(settle_time);
+        settle_.start(settings_.needs_all_ports ? settle_time_for_all : settle_time);
     }
 }
 

@@ -28,6 +28,7 @@ class datapath;
 struct switch_settings {
     std::string connector, port_plugin;
     std::string control_path; // of the connector
+    bool needs_all_ports;     // controllers are not served before the ports have ceased to come
 };
 
 class switch_link {

@@ -108,7 +108,7 @@ class Greeting(AgentTest):
         self.assertEqual((told["tables"], told["actions"]), (1, 0b1111))
         self.assertEqual([port["port"] for port in told["ports"]], [P1, P2, P3, P4])
         self.assertEqual([port["name"] for port in told["ports"]], ["s1", "s2", "s3", "s4"])
-        self.assertEqual(told["dpid"], int.from_bytes(told["ports"][0]["hw_addr"], "big"))
+        self.assertEqual(told["dpid"], min(int.from_bytes(port["hw_addr"], "big") for port in told["ports"]))
 
     def test_echo_and_configuration(self):
         self.c.send(of.message(of.ECHO_REQUEST, b"hello", 5))
@@ -116,6 +116,13 @@ class Greeting(AgentTest):
         self.c.send(of.message(of.SET_CONFIG, struct.pack("!HH", 0, 77)))
         self.c.send(of.message(of.GET_CONFIG_REQUEST, xid=6))
         self.assertEqual(self.c.receive(), (of.GET_CONFIG_REPLY, 6, struct.pack("!HH", 0, 77)))
+
+    def test_fragments_are_treated_normally_and_that_is_said(self):
+        self.assertIsNone(self.c.do(of.message(of.SET_CONFIG, struct.pack("!HH", 0, 77))))
+        for flags in (1, 2, 3, 4, 0xffff):
+            self.assertEqual(self.c.do(of.message(of.SET_CONFIG, struct.pack("!HH", flags, 99))), of.EPERM, flags)
+            self.c.send(of.message(of.GET_CONFIG_REQUEST, xid=6))
+            self.assertEqual(self.c.receive(), (of.GET_CONFIG_REPLY, 6, struct.pack("!HH", 0, 77)))
 
     def test_what_is_malformed_is_refused_and_the_connection_stays(self):
         for bad, error in ((of.message(99), of.BAD_TYPE), (of.message(of.FLOW_MOD, b"short"), of.BAD_LEN),
@@ -620,6 +627,20 @@ class Ports(AgentTest):
         while self.c.features()["ports"][3]["state"] & 1:
             self.c.port_status()
         self.assertEqual(self.c.features()["ports"][3]["config"], 0)
+
+    def test_what_ports_cannot_do_is_refused_and_nothing_changes(self):
+        port = self.c.features()["ports"][3]
+        for bits in (1 << 3, 1 << 7, 1 << 31, 1 << 3 | of.NO_STP):  # NO_RECV_STP, and what OpenFlow 1.0 does not define
+            mask = bits | of.NO_FLOOD | of.PORT_DOWN
+            self.assertEqual(self.c.do(of.port_mod(P4, port["hw_addr"], mask, mask)), of.EPERM, bits)
+        self.assertEqual(self.c.features()["ports"][3], port)
+        # Nothing is asked for where the bit is not to be set; without a mask nothing at all.
+        self.assertIsNone(self.c.do(of.port_mod(P4, port["hw_addr"], of.NO_STP, 0xffffffff)))
+        self.config_becomes(P4, of.NO_STP)
+        self.assertIsNone(self.c.do(of.port_mod(P4, port["hw_addr"], 0xffffffff, 0)))
+        self.assertEqual(self.c.features()["ports"][3]["config"], of.NO_STP)
+        self.assertIsNone(self.c.do(of.port_mod(P4, port["hw_addr"], 0, of.NO_STP)))
+        self.assertEqual(self.c.features()["ports"][3], port)
 
     def test_a_port_taken_down_from_outside_is_told_also_without_a_link(self):
         def until(config, state):

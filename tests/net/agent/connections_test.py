@@ -16,6 +16,7 @@ import subprocess
 import sys
 import tempfile
 import threading
+import time
 import unittest
 
 import openflow as of
@@ -50,6 +51,11 @@ class WithSwitch(unittest.TestCase):
         self.switch = switch.Switch(BUILD, count, arguments, **more)
         self.addCleanup(lambda: self.assertEqual(self.switch.stop(), 0))
         return self.switch
+
+    def counters(self):
+        told = subprocess.run([f"{BUILD}/agent/ctl/krsdnctl", "--socket", self.switch.ctl, "--json", "counters"],
+                              stdout=subprocess.PIPE, check=True)
+        return {one["name"]: one["count"] for one in json.loads(told.stdout)}
 
 
 class Sockets(WithSwitch):
@@ -291,6 +297,32 @@ class Life(WithSwitch):
                 controller.port_status(of.PORT_DELETED)
         switch.run("ip", "link", "del", "n1")
 
+    def test_the_datapath_id_is_the_lowest_address_and_is_remembered(self):
+        addresses = ["02:00:00:00:00:0a", "02:00:00:00:00:03", "02:00:00:00:00:07"]
+
+        def start(addresses, *arguments, **environment):
+            own = switch.Switch(BUILD, len(addresses), arguments, environment, addresses=addresses)
+            told = own.controller().features()["dpid"]
+            self.assertEqual(own.stop(), 0)
+            return told, own
+
+        with tempfile.TemporaryDirectory(prefix="krsdn-agent-test-") as state:
+            self.assertEqual(start(addresses)[0], 0x020000000003)
+            self.assertEqual(start(addresses[::-1])[0], 0x020000000003)
+            self.assertEqual(start(addresses, "--datapath-id", "ab", STATE_DIRECTORY=state)[0], 0xab)
+            self.assertEqual(os.listdir(state), [])
+            self.assertEqual(start(addresses[::2], STATE_DIRECTORY=f"{state}:/other")[0], 0x020000000007)
+            self.assertEqual(os.listdir(state), ["datapath-id"])
+            self.assertEqual(start(addresses, STATE_DIRECTORY=state)[0], 0x020000000007)  # one more port
+            self.assertEqual(start(addresses, "--datapath-id", "ab", STATE_DIRECTORY=state)[0], 0xab)
+            for text in ("", "7\n", "00000200000000070\n", "000002000000000x\n", "0000000000000000\n"):
+                with open(f"{state}/datapath-id", "w", encoding="ascii") as file:
+                    file.write(text)
+                self.assertEqual(start(addresses[:1], STATE_DIRECTORY=state)[0], 0x02000000000a)
+                with open(f"{state}/datapath-id", encoding="ascii") as file:
+                    self.assertEqual(file.read(), "000002000000000a\n")
+        self.assertEqual(start(addresses[:1], STATE_DIRECTORY="/nowhere")[0], 0x02000000000a)
+
     def test_after_a_failure_of_the_library_everything_is_compared(self):
         self.run_switch(count=1)
         controller = self.switch.controller()
@@ -302,6 +334,86 @@ class Life(WithSwitch):
         self.assertRegex(told.group(1), "1 flows, 1 rules, [1-9][0-9]* disagreements")
         self.assertRegex(self.switch.log_text(), "error: rule 1 can't be read back")
         self.assertEqual(self.switch.ask_connector("start"), "ok")
+
+
+class Connector(unittest.TestCase):
+    def test_its_controllers_come_and_go_with_its_list(self):
+        folder = tempfile.mkdtemp(prefix="krsdn-agent-test-")
+        self.addCleanup(switch.run, "rm", "-r", folder)
+        config = os.path.join(folder, "ports.conf")
+
+        def name(*ports):
+            lines = [f"controller{i} = 127.0.0.1:{port}\n" for i, port in enumerate(ports, 1)]
+            with open(config + ".new", "w", encoding="ascii") as file:
+                file.write("".join(["[agent]\n", *lines] if lines else ["# nothing\n"]))
+            os.rename(config + ".new", config)
+
+        def known(*ports):
+            deadline = time.monotonic() + 20
+            told = None
+            while told != sorted(f"tcp:127.0.0.1:{port}" for port in ports):
+                self.assertLess(time.monotonic(), deadline, (told, ports))
+                shown = subprocess.run([f"{BUILD}/agent/ctl/krsdnctl", "--socket", f"{folder}/control", "--json", "show"],
+                                       stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=False)
+                told = sorted(one["endpoint"] for one in json.loads(shown.stdout)["controllers"]) if shown.stdout else None
+
+        (first, a), (second, b), (nobody, c) = listener(), listener(), listener()
+        nobody.close()
+        name(a, b)
+        running = subprocess.Popen(
+            [DAEMON, "--connector", f"{BUILD}/plugins/connector/connector.so", "--port-plugin",
+             f"{BUILD}/plugins/fpt_linux/fpt_linux.so", "--connector-config", config, "--connector-control",
+             f"{folder}/connector", "--control", f"{folder}/control"], stderr=subprocess.DEVNULL)
+        try:
+            one, two = of.Controller(first.accept()[0]), of.Controller(second.accept()[0])
+            known(a, b)
+            name(b, c)  # one is left; of the others one stays, at another place of the list, and one does not answer
+            self.assertRaises(of.Closed, one.receive)
+            known(b, c)
+            self.assertEqual(two.barrier(), {})
+            name(b, b)
+            known(b)
+            name(a)
+            self.assertRaises(of.Closed, two.receive)
+            again = of.Controller(first.accept()[0])
+            known(a)
+            name()
+            self.assertRaises(of.Closed, again.receive)
+            known()
+            self.assertFalse(select.select([first, second], [], [], 1.5)[0])  # nobody is tried any more
+        finally:
+            running.terminate()
+            self.assertEqual(running.wait(timeout=30), 0)
+            first.close()
+            second.close()
+
+    def test_what_was_given_is_not_touched(self):
+        listening, port = listener()
+        with tempfile.TemporaryDirectory(prefix="krsdn-agent-test-") as folder:
+            config = os.path.join(folder, "ports.conf")
+            with open(config, "w", encoding="ascii") as file:
+                file.write(f"[agent]\ncontroller1 = 127.0.0.1:{port}\n")
+            running = subprocess.Popen(
+                [DAEMON, "--connector", f"{BUILD}/plugins/connector/connector.so", "--port-plugin",
+                 f"{BUILD}/plugins/fpt_linux/fpt_linux.so", "--connector-config", config, "--connector-control",
+                 f"{folder}/connector", "--control", "none", f"tcp:127.0.0.1:{port}"], stderr=subprocess.DEVNULL)
+            try:
+                one = of.Controller(listening.accept()[0])
+                os.unlink(config)
+                with open(config, "w", encoding="ascii") as file:
+                    file.write("[agent]\ndatapath_id = 7\n")
+                asked = socket.socket(socket.AF_UNIX)
+                asked.connect(f"{folder}/connector")
+                asked.sendall(b"reload\n")
+                self.assertEqual(asked.recv(256)[:2], b"ok")
+                asked.close()
+                self.assertEqual(one.barrier(), {})
+                self.assertFalse(select.select([listening], [], [], 0.5)[0])  # and it is the only connection
+                self.assertEqual(one.barrier(), {})
+            finally:
+                running.terminate()
+                self.assertEqual(running.wait(timeout=30), 0)
+                listening.close()
 
 
 class BackPressure(WithSwitch):
@@ -340,7 +452,7 @@ class BackPressure(WithSwitch):
 
     def test_packet_ins_for_who_does_not_read_are_dropped(self):
         self.run_switch("--probe-interval", "0")
-        self.switch.controller()  # reads nothing
+        stuck = self.switch.controller()  # reads nothing
         reading = self.switch.controller()
         for one in self.switch.controllers:
             one.send(of.message(of.SET_CONFIG, struct.pack("!HH", 0, 0xffff)))
@@ -354,14 +466,17 @@ class BackPressure(WithSwitch):
                 self.fail(f"frame {i} got lost:\n" + self.switch.log_text())
         self.assertEqual(reading.barrier(), {})
         self.assertLess(memory(self.switch.process.pid), before + 2048 * SLACK)
-        told = subprocess.run([f"{BUILD}/agent/ctl/krsdnctl", "--socket", self.switch.ctl, "--json", "counters"],
-                              stdout=subprocess.PIPE, check=True)
-        dropped = {one["name"]: one["count"] for one in json.loads(told.stdout)}
-        self.assertGreater(dropped["packet-ins dropped: a controller did not read"], 1000)
+        dropped = self.counters()["packet-ins dropped: a controller did not read"]
+        self.assertGreater(dropped, 1000)
+        stuck.close()
+        deadline = time.monotonic() + 20
+        while (lost := self.counters()["packet-ins lost with a controller's connection"]) == 0:
+            self.assertLess(time.monotonic(), deadline)
+        self.assertLess(dropped + lost, 3000)  # the kernel had some
 
     def test_who_does_not_read_what_must_be_told_is_left(self):
         self.run_switch("--probe-interval", "0")
-        self.switch.controller()  # reads nothing
+        stuck = self.switch.controller()
         reading = self.switch.controller()
         flow = lambda i: of.flow_mod(match=of.match(dl_vlan=i), flags=of.SEND_FLOW_REM)
         rounds = 0
@@ -373,6 +488,15 @@ class BackPressure(WithSwitch):
             rounds += 1
             self.assertLess(rounds, 200)
         self.assertGreater(rounds, 20)
+        # What it was not told is counted: all that it does not find in its socket.
+        taken = 0
+        with self.assertRaises(of.Closed):
+            while True:
+                taken += stuck.receive()[0] == of.FLOW_REMOVED
+        lost = self.counters()["lost with a controller's connection: it had not taken them"]
+        self.assertGreater(lost, 4 * 1024 * 1024 // 88 - 1)
+        self.assertLessEqual(taken + lost, 1000 * rounds)
+        self.assertGreater(taken + lost, 1000 * (rounds - 1))
 
     def test_requests_are_served_during_a_flood(self):
         self.run_switch("--probe-interval", "0")
@@ -409,6 +533,7 @@ class CommandLine(unittest.TestCase):
                                     (["--listen", "tcp:1.2.3.4"], "ptcp:, pssl: or punix: is expected"),
                                     (["--nonsense"], "unknown option --nonsense"), (["--log"], "--log takes a value"),
                                     (["--probe-interval", "nan"], "--probe-interval nan: seconds"),
+                                    (["--probe-interval", "0.0999"], "0.0999: seconds are expected: 0.1 to 3600, or 0"),
                                     (["pssl:"], "need --private-key"), (["-f", "/no/file"], "/no/file: No such file"),
                                     (["-f", "/tmp"], "/tmp: Is a directory")):
             self.assertIn(expected, self.fails(*arguments))
@@ -416,6 +541,8 @@ class CommandLine(unittest.TestCase):
     def test_mistakes_in_a_file_have_a_line(self):
         with tempfile.NamedTemporaryFile("w", suffix=".conf") as file:
             for text, expected in (("# a comment\n\nlisten = ptcp:70000\n", ":3: listen: a port"),
+                                   ("log = notice\nprobe-interval = 1e-9\n",
+                                    ":2: probe-interval: seconds are expected: 0.1 to 3600, or 0 for never"),
                                    ("log = notice\nspeed = 3\n", ':2: unknown setting "speed"'),
                                    ("log = notice\nlog notice\n", ":2: a line"),
                                    ("[part]\nlog = notice\n", ":2: there are no sections"),

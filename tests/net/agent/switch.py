@@ -96,14 +96,15 @@ class Switch:
     """Cables and the daemon, which listens on `path` and does what `arguments` say besides; `prefix` is a command that runs it. Ports are numbered 1 to `count`; OpenFlow numbers are those plus PORT_BASE."""
 
     def __init__(self, build, count=3, arguments=(), environment=None, usual_control=False,
-                 prefix=()):
+                 prefix=(), addresses=None):
         self.folder = tempfile.mkdtemp(prefix="krsdn-agent-test-")
         self.count = count
         self.control = os.path.join(self.folder, "connector")
         with open(os.path.join(self.folder, "ports.conf"), "w", encoding="ascii") as file:
             file.write("[ports]\n")
             for i in range(1, count + 1):
-                run("ip", "link", "add", f"s{i}", "type", "veth", "peer", "name", f"p{i}")
+                run("ip", "link", "add", f"s{i}", *(("address", addresses[i - 1]) if addresses else ()), "type", "veth",
+                    "peer", "name", f"p{i}")
                 run("ip", "link", "set", f"s{i}", "up")
                 run("ip", "link", "set", f"p{i}", "up")
                 file.write(f"s{i} = {i}\n")

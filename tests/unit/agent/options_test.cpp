@@ -85,6 +85,8 @@ TEST(options, mistakes) {
                                                 {"--datapath-id", ""},
                                                 {"--datapath-id", "12345678901234567"},
                                                 {"--probe-interval", "-1"},
+                                                {"--probe-interval", "1e-9"},
+                                                {"--probe-interval", "0.09"},
                                                 {"--busy-poll", "-1"},
                                                 {"--busy-poll", "10001"},
                                                 {"--busy-poll", "5us"},
