@@ -123,13 +123,13 @@ kr_sdn_hal_status ensure_sdk_fd(srvc_handle *handle) {
     return KR_SDN_HAL_STATUS_SUCCESS;
 }
 
-// The flag first: the channel may be registered still, from before.
+// The flag first: the channel may be registered still, from before, and whoever finds its pipe cleared finds it closed.
 void channel_clear(srvc_handle *handle) {
     kr::relaxed_store(handle->is_open, uint32_t{0});
     kr::relaxed_store(handle->sdk_fd_open, uint32_t{0});
     handle->sdk_fd = {};
     for (int &fd : handle->hal_pipe) {
-        fd = no_descriptor;
+        kr::release_store(fd, 0);
     }
 }
 
@@ -510,8 +510,12 @@ kr_sdn_hal_status kr_sdn_hal_srvc_process_event(const hal_event_record *record) 
     }
     const plock_shared guard(events_db.lock);
     for (const srvc_handle *handle : events_db.handles[record->type]) {
-        // A channel that is being closed, or opened anew, takes nothing more.
-        if (handle != nullptr && is_set(handle->is_open) && !write_record(handle->hal_pipe[1], *record)) {
+        if (handle == nullptr) {
+            continue;
+        }
+        // A channel that is being closed, or opened anew, takes nothing more: its flag is looked at last.
+        const int write_end = kr::acquire_load(handle->hal_pipe[1]);
+        if (is_set(handle->is_open) && !write_record(write_end, *record)) {
             return KR_SDN_HAL_STATUS_ERROR;
         }
     }

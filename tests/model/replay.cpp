@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/model/driver.h"
+#include "tests/support/leaks.h"
 
 extern "C" __attribute__((weak)) void __gcov_dump();
 
@@ -69,6 +70,10 @@ void redirect(int fd, int flags) {
     } catch (const mismatch &difference) {
         shared.differs = true;
         strncpy(shared.what, difference.what(), sizeof shared.what - 1);
+    }
+    if (!shared.differs && kr_test::has_leaked()) {
+        shared.differs = true;
+        strncpy(shared.what, "memory is lost", sizeof shared.what - 1);
     }
     if (__gcov_dump != nullptr) {
         __gcov_dump();

@@ -44,10 +44,12 @@ template <uint32_t... Values> constexpr failure_code codes[] = {{Values}...};
 constexpr failure_code null_pointer[] = {{1, "NULL"}};
 constexpr failure_code not_there[] = {{1, "not there"}};
 constexpr failure_code no_descriptors[] = {{EMFILE, "EMFILE"}, {ENFILE, "ENFILE"}};
-constexpr failure_code read_codes[] = {{EIO, "EIO"}, {code_nothing, "nothing"}, {code_part, "part"}};
-constexpr failure_code write_codes[] = {{EIO, "EIO"}, {code_nothing, "nothing"}, {code_part, "part"}};
-constexpr failure_code select_codes[] = {{EBADF, "EBADF"}, {EINTR, "EINTR"}};
-constexpr failure_code io_error[] = {{EIO, "EIO"}};
+constexpr failure_code read_codes[] = {{EIO, "EIO"}, {EINTR, "EINTR"}, {code_nothing, "nothing"}, {code_part, "part"}};
+constexpr failure_code write_codes[] = {
+    {EIO, "EIO"}, {EINTR, "EINTR"}, {EPIPE, "EPIPE"}, {code_nothing, "nothing"}, {code_part, "part"}};
+constexpr failure_code select_codes[] = {
+    {EBADF, "EBADF"}, {EINTR, "EINTR"}, {ENOMEM, "ENOMEM"}, {code_nothing, "nothing"}};
+constexpr failure_code close_codes[] = {{EIO, "EIO"}, {EINTR, "EINTR"}};
 constexpr failure_code bad_descriptor[] = {{EBADF, "EBADF"}};
 
 /* clang-format off */
@@ -125,7 +127,7 @@ constexpr call_row rows[] = {
     {"read",                                 call_class::system,      read_codes},
     {"write",                                call_class::system,      write_codes},
     {"select",                               call_class::system,      select_codes},
-    {"close",                                call_class::system,      io_error}, // the descriptor is closed all the same
+    {"close",                                call_class::system,      close_codes}, // the descriptor is closed all the same
     {"fcntl",                                call_class::system,      bad_descriptor},
 };
 /* clang-format on */
@@ -266,13 +268,6 @@ template <typename Change> void with_hook(Change change) {
     change(hook);
 }
 
-std::string name_of_descriptor(int fd) {
-    hook &hook = the_hook();
-    const std::lock_guard lock(hook.mutex);
-    const auto found = hook.descriptors.find(fd);
-    return found != hook.descriptors.end() ? found->second : fd < 0 ? "none" : "unknown descriptor";
-}
-
 std::string name_of_lock(const void *lock) {
     if (lock == &events_db.lock || lock == &events_db.lock.lock) {
         return "registry";
@@ -330,10 +325,28 @@ std::string without_places(std::string line) {
         last_shift = asked;
         return line.replace(notified, line.rfind(' ') - notified, "old_index: <from>, new_index: <to>, size: <size>");
     }
+    const size_t moved = line.find("start block [");
+    if (moved != std::string::npos && sscanf(line.c_str() + moved, "start block [%u] , new start [%u] and size [%u]",
+                                             &asked.from, &asked.to, &asked.size) == 3 &&
+        asked.from == last_shift.from && asked.to == last_shift.to && asked.size == last_shift.size) {
+        return line.replace(moved, std::string::npos, "start block [<from>] , new start [<to>] and size [<size>]");
+    }
     const size_t entry = line.find("entry at offset  [");
     if (entry != std::string::npos && sscanf(line.c_str() + entry, "entry at offset  [%u", &offset) == 1 &&
         offset >= last_shift.from && offset < last_shift.from + last_shift.size) {
         return line.replace(entry, line.find(']', entry) - entry, "entry at offset  [<in the block>");
+    }
+    return line;
+}
+
+// Of the prefix of a debug line, the file and the function stay: "general.cpp[<line>]- general_init: ".
+std::string without_line_number(std::string line) {
+    char file[64];
+    int begin = 0;
+    int end = 0;
+    if (sscanf(line.c_str(), "%63[a-z_].cpp[%n%*d%n]- ", file, &begin, &end) == 1 && end > begin &&
+        line.compare(static_cast<size_t>(end), 3, "]- ") == 0) {
+        line.replace(static_cast<size_t>(begin), static_cast<size_t>(end - begin), "<line>");
     }
     return line;
 }
@@ -448,6 +461,13 @@ call_ledger ledger() {
         }
     });
     return held;
+}
+
+std::string name_of_descriptor(int fd) {
+    hook &hook = the_hook();
+    const std::lock_guard lock(hook.mutex);
+    const auto found = hook.descriptors.find(fd);
+    return found != hook.descriptors.end() ? found->second : fd < 0 ? "none" : "unknown descriptor";
 }
 
 uint32_t waits_begun(caller who) {
@@ -853,8 +873,8 @@ void __wrap_kr_log(uint32_t severity, const char *module, const char *format, ..
     if (line.empty()) {
         line = std::string(text) + "(no newline)";
     }
-    kr_test::note_log(text_of("%u %s: \"", severity, module) + kr_test::without_folders(kr_test::without_places(line)) +
-                      '"');
+    kr_test::note_log(text_of("%u %s: \"", severity, module) +
+                      kr_test::without_folders(kr_test::without_line_number(kr_test::without_places(line))) + '"');
     const kr_test::calling_as outside(kr_test::caller::outside);
     __real_kr_log(severity, module, "%s", text);
 }
@@ -960,7 +980,9 @@ KR_WRAPPED(ssize_t, read, int fd, void *bytes, size_t size) {
         return 0;
     }
     if (here.code() == code_part) {
-        return __real_read(fd, bytes, size) > 1 ? static_cast<ssize_t>(size / 2) : -1; // the rest is lost
+        const ssize_t part = __real_read(fd, bytes, size / 2);
+        std::vector<uint8_t> rest(size - size / 2); // is lost
+        return part > 0 && __real_read(fd, rest.data(), rest.size()) > 0 ? part : -1;
     }
     if (here.code() != 0) {
         errno = static_cast<int>(here.code());
@@ -985,6 +1007,10 @@ KR_WRAPPED(ssize_t, write, int fd, const void *bytes, size_t size) {
 
 KR_WRAPPED(int, select, int highest, fd_set *readable, fd_set *writable, fd_set *exceptional, struct timeval *timeout) {
     call here("select", timeout == nullptr ? "for ever" : "for a time");
+    if (here.code() == code_nothing) {
+        FD_ZERO(readable);
+        return 0;
+    }
     if (here.code() != 0) {
         errno = static_cast<int>(here.code());
         return -1;

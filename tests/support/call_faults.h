@@ -25,7 +25,7 @@ struct failure_code {
     uint32_t value;        // what it returns; of a system call the errno, or one of those below
     const char *text = ""; // for people; empty: the value
 };
-enum : uint32_t { code_nothing = 1000, code_part = 1001 }; // read and write: no byte, fewer bytes than asked for
+enum : uint32_t { code_nothing = 1000, code_part = 1001 }; // read, write, select: none; fewer bytes than asked for
 
 struct call_row {
     const char *name;
@@ -90,6 +90,9 @@ bool is_idle(caller who);
 bool is_running(caller who);
 // The background thread's waits that run for seconds: from now on their time is up at once.
 void let_time_pass();
+
+// What the library has a descriptor for: "pipe 2 read end".
+std::string name_of_descriptor(int fd);
 
 // For the fake plug-ins: a call of theirs. 0, or the status that it is to return.
 uint32_t plugin_called(const char *name, const std::string &arguments = {});

@@ -92,9 +92,9 @@ void add_life_operations(std::vector<operation> &operations) {
                           }});
     operations.push_back({"capabilities_set_null", "kr_sdn_hal_capabilities_set", stage::initialized,
                           [](world &) { return world::client([] { return kr_sdn_hal_capabilities_set(nullptr); }); }});
-    operations.push_back({"capabilities_get", "kr_sdn_hal_capabilities_get", stage::initialized, [](world &) {
-                              capabilities stored{};
-                              return world::client([&] { return kr_sdn_hal_capabilities_get(&stored); });
+    operations.push_back({"capabilities_get", "kr_sdn_hal_capabilities_get", stage::initialized, [](world &world) {
+                              auto *const stored = world.out.room<capabilities>("capabilities");
+                              return world::client([&] { return kr_sdn_hal_capabilities_get(stored); });
                           }});
     operations.push_back({"capabilities_get_null", "kr_sdn_hal_capabilities_get", stage::initialized,
                           [](world &) { return world::client([] { return kr_sdn_hal_capabilities_get(nullptr); }); }});

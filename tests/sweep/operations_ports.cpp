@@ -8,9 +8,9 @@ namespace {
 
 constexpr uint32_t port = 2;
 
-template <typename Value, auto Function> uint32_t get(world &) {
-    Value value{};
-    return world::client([&] { return Function(port, &value); });
+template <typename Value, auto Function> uint32_t get(world &world) {
+    auto *const value = world.out.room<Value>("value");
+    return world::client([&] { return Function(port, value); });
 }
 template <auto Function> uint32_t get_null(world &) {
     return world::client([] { return Function(port, nullptr); });
@@ -18,10 +18,10 @@ template <auto Function> uint32_t get_null(world &) {
 template <auto Function, auto Value> uint32_t set(world &) {
     return world::client([] { return Function(port, Value); });
 }
-uint32_t list(world &) {
-    uint32_t ports[4];
-    uint32_t count = 4;
-    return world::client([&] { return kr_sdn_hal_port_arr_get(ports, &count); });
+uint32_t list(world &world) {
+    auto *const ports = world.out.room<uint32_t>("ports", 4);
+    uint32_t *const count = world.out.given<uint32_t>("count", {4});
+    return world::client([&] { return kr_sdn_hal_port_arr_get(ports, count); });
 }
 uint32_t speed_set(port_speed_admin speed) {
     return world::client([&] { return kr_sdn_hal_port_speed_set(port, &speed); });
@@ -36,18 +36,22 @@ void add_port_operations(std::vector<operation> &operations) {
     add("port_list", "kr_sdn_hal_port_arr_get", list);
     add("port_list_null", "kr_sdn_hal_port_arr_get",
         [](world &) { return world::client([] { return kr_sdn_hal_port_arr_get(nullptr, nullptr); }); });
+    add("port_count", "kr_sdn_hal_port_arr_get", [](world &world) {
+        uint32_t *const count = world.out.given<uint32_t>("count", {4});
+        return world::client([&] { return kr_sdn_hal_port_arr_get(nullptr, count); });
+    });
     add("port_capabilities", "kr_sdn_hal_port_capabilities_get", get<uint32_t, kr_sdn_hal_port_capabilities_get>);
     add("port_capabilities_null", "kr_sdn_hal_port_capabilities_get", get_null<kr_sdn_hal_port_capabilities_get>);
-    add("port_capabilities_unknown", "kr_sdn_hal_port_capabilities_get", [](world &) {
-        uint32_t found = 0;
-        return world::client([&] { return kr_sdn_hal_port_capabilities_get(9, &found); });
+    add("port_capabilities_unknown", "kr_sdn_hal_port_capabilities_get", [](world &world) {
+        auto *const found = world.out.room<uint32_t>("value");
+        return world::client([&] { return kr_sdn_hal_port_capabilities_get(9, found); });
     });
     add("port_state_set", "kr_sdn_hal_port_state_set", set<kr_sdn_hal_port_state_set, PORT_ADMIN_UP>);
     add("port_state_set_refused", "kr_sdn_hal_port_state_set", set<kr_sdn_hal_port_state_set, 3>);
-    add("port_state_get", "kr_sdn_hal_port_state_get", [](world &) {
-        int32_t admin = 0;
-        int32_t oper = 0;
-        return world::client([&] { return kr_sdn_hal_port_state_get(port, &admin, &oper); });
+    add("port_state_get", "kr_sdn_hal_port_state_get", [](world &world) {
+        auto *const admin = world.out.room<int32_t>("admin");
+        auto *const oper = world.out.room<int32_t>("oper");
+        return world::client([&] { return kr_sdn_hal_port_state_get(port, admin, oper); });
     });
     add("port_rstp_state_set", "kr_sdn_hal_port_rstp_state_set",
         set<kr_sdn_hal_port_rstp_state_set, PORT_STP_FORWARDING>);
@@ -59,10 +63,10 @@ void add_port_operations(std::vector<operation> &operations) {
     add("port_speed_set", "kr_sdn_hal_port_speed_set", [](world &) { return speed_set({1, 0, 1, 0}); });
     add("port_speed_set_refused", "kr_sdn_hal_port_speed_set", [](world &) { return speed_set({1, 0, 2, 0}); });
     add("port_speed_set_null", "kr_sdn_hal_port_speed_set", get_null<kr_sdn_hal_port_speed_set>);
-    add("port_speed_get", "kr_sdn_hal_port_speed_get", [](world &) {
-        port_speed_admin admin{};
-        uint32_t oper = 0;
-        return world::client([&] { return kr_sdn_hal_port_speed_get(port, &admin, &oper); });
+    add("port_speed_get", "kr_sdn_hal_port_speed_get", [](world &world) {
+        auto *const admin = world.out.room<port_speed_admin>("admin");
+        auto *const oper = world.out.room<uint32_t>("oper");
+        return world::client([&] { return kr_sdn_hal_port_speed_get(port, admin, oper); });
     });
     add("port_speed_capability", "kr_sdn_hal_port_speed_capability_get",
         get<uint32_t, kr_sdn_hal_port_speed_capability_get>);

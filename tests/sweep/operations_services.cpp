@@ -9,37 +9,38 @@ namespace kr_test {
 namespace {
 
 uint32_t open(world &world) {
-    return world::client([&] { return kr_sdn_hal_srvc_open(&world.channel); });
+    return world::client([&] { return kr_sdn_hal_srvc_open(world.out.channel(&world.channel, true)); });
 }
 uint32_t close(world &world) {
-    return world::client([&] { return kr_sdn_hal_srvc_close(&world.channel); });
+    return world::client([&] { return kr_sdn_hal_srvc_close(world.out.channel(&world.channel)); });
 }
 template <uint32_t Event> uint32_t add(world &world) {
-    return world::client([&] { return kr_sdn_hal_srvc_event_register(&world.channel, Event); });
+    return world::client([&] { return kr_sdn_hal_srvc_event_register(world.out.channel(&world.channel), Event); });
 }
 template <uint32_t Event> uint32_t remove(world &world) {
-    return world::client([&] { return kr_sdn_hal_srvc_event_unregister(&world.channel, Event); });
+    return world::client([&] { return kr_sdn_hal_srvc_event_unregister(world.out.channel(&world.channel), Event); });
 }
-uint32_t process(uint32_t type) {
+uint32_t process(uint32_t type, uint64_t content = 1) {
     hal_event_record record{};
     record.type = type;
+    record.payload.agent.trailer = content;
     return world::client([&] { return kr_sdn_hal_srvc_process_event(&record); });
 }
 uint32_t receive(world &world) {
-    hal_event_record record{};
-    return world::client([&] { return kr_sdn_hal_srvc_recv(&world.channel, &record); });
+    auto *const record = world.out.room<hal_event_record>("record");
+    return world::client([&] { return kr_sdn_hal_srvc_recv(&world.channel, record); });
 }
 uint32_t select(world &world) {
     srvc_handle *handles[] = {&world.channel};
     timeval at_once{};
-    uint32_t mask = 0;
-    return world::client([&] { return kr_sdn_hal_srvc_select(handles, 1, &at_once, &mask); });
+    auto *const mask = world.out.room<uint32_t>("mask");
+    return world::client([&] { return kr_sdn_hal_srvc_select(handles, 1, &at_once, mask); });
 }
 uint32_t send(world &world, uint32_t of_port) {
     const std::vector<uint8_t> frame = frame_for(9);
     return world::client([&] {
-        return kr_sdn_hal_srvc_packet_send(&world.channel, frame.data(), static_cast<uint32_t>(frame.size()), of_port,
-                                           3);
+        return kr_sdn_hal_srvc_packet_send(world.out.channel(&world.channel), frame.data(),
+                                           static_cast<uint32_t>(frame.size()), of_port, 3);
     });
 }
 
@@ -86,9 +87,14 @@ void add_service_operations(std::vector<operation> &operations) {
     const char *f = "kr_sdn_hal_srvc_open";
     // An interface that is open when the pipe cannot be had stays open: the next open forgets it.
     const std::set<std::string> interface = {"interfaces", "held descriptors", "open descriptors"};
+    const std::set<std::string> interface_and_handle = {"interfaces", "held descriptors", "open descriptors",
+                                                        "outputs"};
     operations.push_back({"channel_open_before_start", f, stage::initialized, open});
-    operations.push_back(
-        {.name = "channel_open", .covers = f, .from = stage::ports, .run = open, .leaves = {{"pipe", interface}}});
+    operations.push_back({.name = "channel_open",
+                          .covers = f,
+                          .from = stage::ports,
+                          .run = open,
+                          .leaves = {{"pipe", interface_and_handle}}});
     operations.push_back({"channel_open_before_init", f, stage::loaded, open});
     operations.push_back({"channel_open_null", f, stage::initialized,
                           [](world &) { return world::client([] { return kr_sdn_hal_srvc_open(nullptr); }); }});
@@ -153,9 +159,9 @@ void add_service_operations(std::vector<operation> &operations) {
                           .prepare =
                               [](world &world) {
                                   with_record(world);
-                                  (void)process(EVENT_AGENT_UPDATE);
+                                  (void)process(EVENT_AGENT_UPDATE, 2);
                               },
-                          .leaves = {{"read", {"unread"}}}});
+                          .leaves = {{"read", {"unread", "outputs"}}}});
     operations.push_back({"receive_packet_in", f, stage::flows, receive, with_packet_in});
     operations.push_back({"receive_packet_miss", f, stage::flows, receive, with_packet_miss});
     operations.push_back({"receive_link_change", f, stage::flows, receive, with_link_change});

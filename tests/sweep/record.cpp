@@ -56,6 +56,7 @@ std::string body(const outcome &of) {
         text += index + line.substr(tab + 1) + '\n';
     }
     text += "  -> " + of.status + (of.changes.empty() ? ", no change" : ", " + of.changes) + '\n';
+    text += of.outputs.empty() ? "" : "  hands out " + of.outputs + '\n';
     return text;
 }
 
@@ -68,6 +69,7 @@ std::string outcome_text(const outcome &of) {
                 (of.again_state.empty() || !of.again_status.empty() ? "" : " with " + joined(of.again_state, "; ")) +
                 '\n';
     }
+    text += of.again_outputs.empty() ? "" : "  again hands out " + of.again_outputs + '\n';
     text += of.trouble.empty() ? "" : "  on the way back: " + joined(of.trouble, "; ") + '\n';
     text += of.left.empty() ? "" : "  at the end: " + joined(of.left, "; ") + '\n';
     for (const std::string &line : of.broken) {
@@ -183,6 +185,9 @@ class sweeper {
         if (of->status == expected_.status && of->changes == expected_.changes && !of->changes.empty()) {
             of->changes = "as without a fault";
         }
+        if (of->outputs == expected_.outputs && !of->outputs.empty()) {
+            of->outputs = "the same";
+        }
     }
 
     void check_again(const fault &fault, const std::string &call_name, const outcome &of) {
@@ -196,6 +201,10 @@ class sweeper {
         }
         if (is_repeatable && !of.again_status.empty()) {
             note(fault, "made again it returned " + of.again_status);
+        }
+        if (is_repeatable && !of.again_outputs.empty() && !may_differ.contains("*") &&
+            !may_differ.contains("outputs")) {
+            note(fault, "made again it handed out " + of.again_outputs);
         }
         if (is_repeatable) {
             note_differences(fault, "made again it left ", of.again_state, may_differ);

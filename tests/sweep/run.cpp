@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "tests/support/leaks.h"
 #include "tests/sweep/sweep.h"
 
 namespace kr_test {
@@ -38,9 +39,14 @@ std::vector<call_entry> by_thread(std::vector<call_entry> entries, caller who) {
 }
 
 void run_again(const operation &operation, world &world, const outcome &expected, outcome *result) {
+    world.out.clear();
     const uint32_t status = operation.run(world);
+    const std::string outputs = world.out.text();
     if (std::to_string(status) != expected.status) {
         result->again_status = std::to_string(status);
+    }
+    if (outputs != expected.outputs) {
+        result->again_outputs = outputs.empty() ? "nothing" : outputs;
     }
     result->again_state = deviations(expected.after, world.observe());
 }
@@ -59,7 +65,9 @@ outcome run_here(const operation &operation, const fault &fault, const outcome *
     kr_test::fault limited = fault;
     limited.limit = operation.limit;
     calls_arm(operation.who, limited);
+    world.out.clear();
     result.status = std::to_string(operation.run(world));
+    result.outputs = world.out.text();
     world::settle();
     result.failed_count = calls_failed_count();
     fill_calls(by_thread(calls_disarm(), operation.who), has_fault, &result);
@@ -110,7 +118,9 @@ std::string packed(const outcome &outcome) {
     pack(&text, 'l', outcome.lines);
     pack(&text, 's', outcome.status);
     pack(&text, 'd', outcome.changes);
+    pack(&text, 'o', outcome.outputs);
     pack(&text, 'g', outcome.again_status);
+    pack(&text, 'p', outcome.again_outputs);
     pack(&text, 'a', outcome.again_state);
     pack(&text, 't', outcome.trouble);
     pack(&text, 'r', outcome.left);
@@ -140,6 +150,12 @@ void unpack(char field, const std::string &text, outcome *outcome) {
         break;
     case 'd':
         outcome->changes = text;
+        break;
+    case 'o':
+        outcome->outputs = text;
+        break;
+    case 'p':
+        outcome->again_outputs = text;
         break;
     case 'g':
         outcome->again_status = text;
@@ -218,7 +234,11 @@ outcome run_in_a_process(const operation &operation, const fault &fault, const o
     if (child == 0) {
         close(ends[0]);
         alarm(longest_run_s);
-        write_all(ends[1], packed(run_here(operation, fault, expected)));
+        outcome of = run_here(operation, fault, expected);
+        if (has_leaked()) {
+            of.broken.emplace_back("memory is lost");
+        }
+        write_all(ends[1], packed(of));
 #ifdef KR_COVERAGE
         __gcov_dump();
 #endif

@@ -25,8 +25,11 @@ struct outcome {
     std::vector<std::string> lines;  // without a fault: everything; with one: what followed it
     std::string status;
     std::string changes; // of the state
-    // How the same operation, made once more, differed from the one without a fault: in its status, in the state.
+    std::string outputs; // what the client was handed
+    // How the same operation, made once more, differed from the one without a fault: in its status, in
+    // what was handed out, in the state.
     std::string again_status;
+    std::string again_outputs;
     std::vector<std::string> again_state;
     std::vector<std::string> trouble; // of the way back
     std::vector<std::string> left;    // the state at the end, as far as it differs from the end without a fault

@@ -5,6 +5,7 @@
  * KR_SWEEP_RECORD=1 writes the records anew; KR_SWEEP_FAULT=NAME runs one fault, by the name under which a failure
  * names it, in this process.
  */
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -183,6 +184,29 @@ TEST(sweep_coverage, has_every_exported_function) {
                                     "control-frames thread", "background thread", "pSort notification"}) {
         EXPECT_TRUE(covered.contains(event)) << event;
     }
+}
+
+// What the client is handed is part of the records: wherever a function hands out anything.
+TEST(sweep_coverage, tells_what_every_function_hands_out) {
+    std::set<std::string> telling;
+    for (const operation &operation : all_operations()) {
+        if (read_file(records + operation.name + ".txt").find("\n  hands out ") != std::string::npos) {
+            telling.insert(operation.covers);
+        }
+    }
+    EXPECT_THAT(telling,
+                testing::UnorderedElementsAre(
+                    "kr_sdn_hal_capabilities_get", "kr_sdn_hal_port_arr_get", "kr_sdn_hal_port_capabilities_get",
+                    "kr_sdn_hal_port_cntr_get", "kr_sdn_hal_port_flood_mode_get", "kr_sdn_hal_port_mtu_get",
+                    "kr_sdn_hal_port_phys_addr_get", "kr_sdn_hal_port_rstp_state_get",
+                    "kr_sdn_hal_port_speed_capability_get", "kr_sdn_hal_port_speed_get", "kr_sdn_hal_port_state_get",
+                    "kr_sdn_hal_srvc_close", "kr_sdn_hal_srvc_event_register", "kr_sdn_hal_srvc_event_unregister",
+                    "kr_sdn_hal_srvc_open", "kr_sdn_hal_srvc_packet_send", "kr_sdn_hal_srvc_recv",
+                    "kr_sdn_hal_srvc_select", "kr_sdn_hal_table_capabilities_get",
+                    "kr_sdn_hal_table_entry_activity_get", "kr_sdn_hal_table_entry_get", "kr_sdn_hal_table_entry_set",
+                    "kr_sdn_hal_table_entry_stat_get", "kr_sdn_hal_table_mcast_group_get",
+                    "kr_sdn_hal_table_mcast_group_set", "kr_sdn_hal_table_table_capabilities_get",
+                    "kr_sdn_hal_table_table_stat_get", "pSort notification"));
 }
 
 TEST(one_fault, on_request) {

@@ -35,6 +35,8 @@ extern int32_t kr_HAL_TABLES_API_verb_level; // not exported, but the modules' o
 namespace kr_test {
 namespace {
 
+constexpr int32_t most_verbose = 6; // every line, function traces included
+
 // The statuses of the fakes, by the names of their entry points.
 std::map<std::string, uint32_t *> &plugin_statuses() {
     static auto *const statuses = new std::map<std::string, uint32_t *>;
@@ -281,11 +283,19 @@ world::world() : descriptors_at_first(descriptor_count()) {
                          FPT_SYMBOLS(X)
 #undef X
     };
-    // Up to the notices: what is above them carries lines of the sources.
+    (*fpt)->stp_state = PORT_STP_LEARNING;
+    (*fpt)->admin_state = PORT_ADMIN_UP;
+    (*fpt)->oper_state = PORT_OPER_DOWN;
+    (*fpt)->admin_speed = {0, 1, 0, 1};
+    (*fpt)->speed_capability = PORT_SPEED_CAPABILITY_10G;
+    (*fpt)->oper_speed = 10000;
+    (*fpt)->mtu = 9000;
+    (*fpt)->mac_address = {{2, 0, 0, 0, 0, 2}};
+    (*fpt)->counters = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
     for (int32_t *const level : {&kr_HAL_API_verb_level, &kr_HAL_EVENTS_API_verb_level, &kr_HAL_API_PORT_verb_level,
                                  &kr_FPT_verb_level, &kr_HAL_GEN_verb_level, &kr_HAL_PORT_verb_level,
                                  &kr_FLOWS_DB_verb_level, &kr_HAL_UTILS_verb_level, &kr_HAL_TABLES_API_verb_level}) {
-        *level = 4;
+        *level = most_verbose;
     }
     // Of one priority: their places need no shift, whatever pSort does.
     flows = {flow_of(1, 20), flow_of(2, 20, FLOW_ACTION_CONTROLLER), flow_of(3, 20, FLOW_ACTION_OUTPUT)};

@@ -16,6 +16,7 @@
 #include "tests/support/call_faults.h"
 #include "tests/support/fake_connector.h"
 #include "tests/support/fake_fpt.h"
+#include "tests/sweep/outputs.h"
 #include "tests/system/flows_and_frames.h"
 
 namespace kr_test {
@@ -73,6 +74,7 @@ class world {
     srvc_handle other_channel{}; // for operations that need two
     uint32_t group_id = 0;
     std::vector<flow_record> flows;
+    outputs out; // of the operation
 
   private:
     size_t descriptors_at_first; // other than the library's
