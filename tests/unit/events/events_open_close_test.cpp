@@ -195,7 +195,7 @@ TEST_F(events_open_test, whose_pipe_fails_leaves_the_sdk_descriptor_open_and_the
     EXPECT_EQ(kr_sdn_hal_srvc_close(&channel), PARAM_ERROR);
 }
 
-// A handle that is open stays registered when it is opened again: producers must find no number of a descriptor in it.
+// A handle that is open stays registered when it is opened again: producers find it closed, and cleared as a whole.
 TEST_F(events_open_test, again_that_fails_leaves_no_pipe_and_the_record_goes_to_the_other_channels) {
     bring_up(stage::initialized);
     srvc_handle *const other = open_another();
@@ -204,7 +204,7 @@ TEST_F(events_open_test, again_that_fails_leaves_no_pipe_and_the_record_goes_to_
     const srvc_handle old = channel;
     set_result("pipe", EMFILE);
     EXPECT_EQ(kr_sdn_hal_srvc_open(&channel), ERROR);
-    EXPECT_THAT(channel.hal_pipe, ElementsAre(-1, -1));
+    EXPECT_THAT(channel.hal_pipe, ElementsAre(0, 0));
     const hal_event_record record = pattern_record(0);
     record_system_calls(true);
     EXPECT_EQ(kr_sdn_hal_srvc_process_event(&record), SUCCESS);
@@ -220,7 +220,7 @@ TEST_F(events_open_test, again_without_an_sdk_descriptor_leaves_no_pipe_either) 
     const srvc_handle old = channel;
     set_result("kr_api_host_ifc_open", 6);
     EXPECT_EQ(kr_sdn_hal_srvc_open(&channel), SDK_ERROR);
-    EXPECT_THAT(channel.hal_pipe, ElementsAre(-1, -1));
+    EXPECT_THAT(channel.hal_pipe, ElementsAre(0, 0));
     EXPECT_EQ(channel.is_open, 0U);
     ::close(old.hal_pipe[0]);
     ::close(old.hal_pipe[1]);
