@@ -14,10 +14,13 @@ import lab
 
 SEQUENCE, UNDECODED = 0x2000000, 0x5000000  # groups of tshark's remarks: on TCP itself, and on what it leaves out
 FEATURES_REPLY = "6"
-# Everything that a switch can say that no vendor has added, but the echo request, which takes an idle connection.
-EXPECTED = {0: "HELLO", 1: "ERROR", 3: "ECHO_REPLY", 6: "FEATURES_REPLY", 8: "GET_CONFIG_REPLY", 10: "PACKET_IN",
-            11: "FLOW_REMOVED", 12: "PORT_STATUS", 17: "STATS_REPLY", 19: "BARRIER_REPLY",
-            21: "QUEUE_GET_CONFIG_REPLY"}
+# Everything that the agent can say: each has to be in the captures, and nothing else may be. For tshark by number, for
+# ovs-ofctl by its name for it, which also tells the kinds of statistics apart.
+SAID = {0: "HELLO", 1: "ERROR", 2: "ECHO_REQUEST", 3: "ECHO_REPLY", 6: "FEATURES_REPLY", 8: "GET_CONFIG_REPLY",
+        10: "PACKET_IN", 11: "FLOW_REMOVED", 12: "PORT_STATUS", 17: "STATS_REPLY", 19: "BARRIER_REPLY",
+        21: "QUEUE_GET_CONFIG_REPLY"}
+NAMES = {f"OFPT_{name}" for name in SAID.values() if name != "STATS_REPLY"} | {
+    f"OFPST_{kind} reply" for kind in ("DESC", "FLOW", "AGGREGATE", "TABLE", "PORT", "QUEUE")}
 
 
 def output_of(*command):
@@ -49,29 +52,31 @@ def by_tshark(path):
 
 
 def by_ofctl(path, is_server):
-    """The transactions of the agent's messages, and what ovs-ofctl complains of."""
+    """The transactions of the agent's messages, the names of their types, and what ovs-ofctl complains of."""
     said = re.split(r"^[0-9.]+\.(\d+) > [0-9.]+\.\d+:\n", output_of(
         "ovs-ofctl", "ofp-parse-pcap", path, str(lab.CONTROLLER_PORT)), flags=re.M)
-    transactions, complaints = collections.Counter(), []
+    transactions, names, complaints = collections.Counter(), set(), []
     for port, text in zip(said[1::2], said[2::2]):
         if (port == str(lab.CONTROLLER_PORT)) != is_server:
             continue
-        first = re.match(r"OFP(?:T|ST)_\w+.*?\(xid=(0x[0-9a-f]+)\)", text)
+        first = re.match(r"(OFPT_\w+|OFPST_\w+ reply).*?\(xid=(0x[0-9a-f]+)\)", text)
         if first is None or "***" in re.sub(r"\(\*\*\*truncated .*\*\*\*\)", "", text):
             complaints.append(f"{path}: {text}")
         else:
-            transactions[int(first[1], 16)] += 1
-    return transactions, complaints
+            transactions[int(first[2], 16)] += 1
+            names.add(first[1])
+    return transactions, names, complaints
 
 
 lab.need(tshark="tshark", ovs_ofctl="openvswitch-common")
 captures = [path for path in sys.argv[1:] if os.path.exists(path)]
 if not captures:
     lab.skip("the tests that record what the agent says were skipped")
-kinds, failures = collections.Counter(), []
+kinds, names, failures = collections.Counter(), set(), []
 for path in captures:
     messages, complaints, is_server = by_tshark(path)
-    transactions, more_complaints = by_ofctl(path, is_server)
+    transactions, more_names, more_complaints = by_ofctl(path, is_server)
+    names |= more_names
     failures += complaints + more_complaints
     of_tshark = collections.Counter()
     for (transaction, kind), count in messages.items():
@@ -81,9 +86,12 @@ for path in captures:
         failures.append(f"{path}: tshark alone sees {(of_tshark - transactions).total()} messages, ovs-ofctl alone "
                         f"{(transactions - of_tshark).total()}")
 if len(captures) == len(sys.argv) - 1:
-    failures += [f"no {name} was seen" for kind, name in EXPECTED.items() if kinds[kind] == 0]
+    failures += [f"no {name} was seen" for kind, name in SAID.items() if kinds[kind] == 0]
+    failures += [f"no {name} was seen" for name in sorted(NAMES - names)]
+failures += [f"type {kind} was seen, which is not on the list" for kind in kinds if kind not in SAID]
+failures += [f"{name} was seen, which is not on the list" for name in sorted(names - NAMES)]
 print(f"{len(captures)} captures, {kinds.total()} messages: " +
-      ", ".join(f"{count} of type {kind}" for kind, count in sorted(kinds.items())))
+      ", ".join(f"{count} {SAID.get(kind, kind)}" for kind, count in sorted(kinds.items())))
 if failures:
     print("\n".join(failures[:10]))
     sys.exit(1)

@@ -292,6 +292,7 @@ class Frames(OfctlTest):
         watcher.wait_for("state:      LINK_DOWN")
         lab.run("ip", "-n", one.name, "link", "set", "eth0", "up")
         watcher.wait_for("OFPT_PORT_STATUS (xid=0x0): MOD:", 2)
+        watcher.wait_for("OFPT_ECHO_REQUEST (xid=0x0): 0 bytes of payload")  # the agent asks who has been silent
         self.assertNotIn("decode error", watcher.log())
         watcher.stop()
 
