@@ -137,13 +137,16 @@ class connection {
         return *found;
     }
 
-    // Until the switch has done everything that was sent before.
-    void barrier(of10::bytes out = {}) {
+    // Until the switch has done everything that was sent before; returns how many packet-ins came meanwhile.
+    uint32_t barrier(of10::bytes out = {}) {
         const uint32_t xid = next_xid_++;
+        uint32_t packets = 0;
         append(out, of10::barrier_request{}, xid);
         exchange(out, [&](const of10::message &answer) {
+            packets += std::holds_alternative<of10::packet_in>(answer.body) ? 1 : 0;
             return answer.xid == xid && std::holds_alternative<of10::barrier_reply>(answer.body);
         });
+        return packets;
     }
 
     void greet() {
@@ -414,6 +417,43 @@ void measure_rate(connection &peer, wire &cable) {
     report("packet_in_rate_nearly", nearly, "1/s");
 }
 
+// While frames come as fast as they can be sent, and every one of them is a packet-in, how long a barrier takes. The
+// flood is still there after the last one, so none of them was measured without it.
+void measure_barrier_in_flood(connection &peer, wire &cable) {
+    constexpr unsigned barrier_count = 2000;
+    std::atomic<bool> ended = false;
+    std::thread sender([&] {
+        for (uint32_t number = 1; !ended; number++) {
+            cable.send(number);
+        }
+    });
+    uint32_t packets = 0;
+    std::vector<double> spans;
+    const auto end = monotonic::now() + 20 * patience;
+    const auto begin_all = monotonic::now();
+    try {
+        while (spans.size() < barrier_count && monotonic::now() < end) {
+            const auto begin = monotonic::now();
+            packets += peer.barrier();
+            spans.push_back(microseconds(monotonic::now() - begin) / 1000);
+        }
+        const double elapsed = microseconds(monotonic::now() - begin_all) / 1e6;
+        if (packets < barrier_count / 100) {
+            throw std::runtime_error("there was no flood of packet-ins");
+        }
+        report("flood_packet_in_rate", packets / elapsed, "1/s");
+    } catch (...) {
+        ended = true;
+        sender.join();
+        throw;
+    }
+    ended = true;
+    sender.join();
+    report("barrier_in_flood_median", quantile(spans, 0.5), "ms");
+    report("barrier_in_flood_p99", quantile(spans, 0.99), "ms");
+    report("barrier_in_flood_max", quantile(spans, 1), "ms");
+}
+
 // ---- What to do -----------------------------------------------------------------------------------------------------
 
 void greet(connection &peer) {
@@ -472,6 +512,7 @@ void run(int count, char **arguments) {
         wire cable(arguments[3]);
         measure_latency(peer, cable);
         measure_rate(peer, cable);
+        measure_barrier_in_flood(peer, cable);
     } else if (what == "fill" && count == 5) {
         connection peer(arguments[2]);
         greet(peer);
