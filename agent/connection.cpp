@@ -11,8 +11,9 @@ namespace agent {
 namespace {
 
 constexpr size_t arrival_size = 256 * 1024;
-constexpr size_t large_read = 16 * 1024;    // after one of these, more is likely to be there
-constexpr size_t kept_capacity = 64 * 1024; // of a queue that was larger once
+constexpr size_t large_read = 16 * 1024;                // after one of these, more is likely to be there
+constexpr nanoseconds turn_limit = 10 * millisecond_ns; // a message that begins later waits for the next turn
+constexpr size_t kept_capacity = 64 * 1024;             // of a queue that was larger once
 
 // Where bytes arrive before they are cut into messages; one is enough, because the loop has one thread.
 alignas(64) std::array<uint8_t, arrival_size> arrival;
@@ -89,14 +90,14 @@ void connection::receive() {
     size_t size = input_.size();
     size_t used = 0;
     io_result result{io_state::done, 0};
-    is_handling_ = true;
+    begin_turn();
     do {
         result = stream_->read(std::span(arrival).subspan(size));
         size += result.size;
         counts_.bytes_received += result.size;
         used += hand_over(of10::byte_view(arrival).subspan(used, size - used));
     } while (result.state == io_state::done && size < arrival.size() && !is_closed_ && !is_ending_ && !is_held() &&
-             (result.size >= large_read || stream_->has_pending()));
+             !is_turn_over_ && (result.size >= large_read || stream_->has_pending()));
     read_waits_ = result.state == io_state::wait_write ? io_state::wait_write : io_state::wait_read;
     if (size > input_.size()) {
         heard_ = clock_now();
@@ -114,6 +115,13 @@ void connection::receive() {
     }
 }
 
+// Others want their turn too, however much this peer asks for.
+void connection::begin_turn() {
+    is_handling_ = true;
+    is_turn_over_ = false;
+    turn_end_ = clock_now() + turn_limit;
+}
+
 void connection::end_turn() {
     if (!is_closed_) {
         handler_.connection_turn_end(*this);
@@ -122,7 +130,7 @@ void connection::end_turn() {
 
 // Hands over what was held back.
 void connection::handle_input() {
-    is_handling_ = true;
+    begin_turn();
     const size_t used = hand_over(input_);
     end_turn();
     input_.erase(input_.begin(), input_.begin() + static_cast<ptrdiff_t>(used));
@@ -145,7 +153,7 @@ void connection::handle_kept() {
 
 size_t connection::hand_over(of10::byte_view received) {
     size_t used = 0;
-    while (!is_closed_ && !is_ending_ && !is_held()) {
+    while (!is_closed_ && !is_ending_ && !is_held() && !is_turn_over_) {
         const of10::byte_view rest = received.subspan(used);
         const size_t size = of10::message_size(rest);
         if (size == 0 || size > rest.size()) {
@@ -154,6 +162,7 @@ size_t connection::hand_over(of10::byte_view received) {
         counts_.messages_received++;
         handler_.connection_message(*this, rest.first(size));
         used += size;
+        is_turn_over_ = clock_now() >= turn_end_;
     }
     return used;
 }

@@ -102,6 +102,7 @@ class connection {
     void ready(bool can_read, bool can_write);
     void shake_hands();
     void receive();
+    void begin_turn();
     void end_turn();
     void handle_input();
     void handle_kept();
@@ -128,6 +129,8 @@ class connection {
     bool is_closed_ = false;
     bool is_ending_ = false; // closes when the replies are out
     bool is_handling_ = false;
+    bool is_turn_over_ = false; // it has taken its time
+    nanoseconds turn_end_ = 0;
     io_state read_waits_ = io_state::wait_read;
     io_state write_waits_ = io_state::done; // done: nothing waits
     std::string end_reason_;

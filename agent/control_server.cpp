@@ -279,7 +279,8 @@ class control_server::client {
 /* ---- the server ------------------------------------------------------------------------------------------------ */
 
 control_server::control_server(event_loop &loop, handler on_request)
-    : loop_(loop), on_request_(std::move(on_request)), reaper_(loop, [this] { reap(); }) {}
+    : loop_(loop), on_request_(std::move(on_request)), reaper_(loop, [this] { reap(); }),
+      pause_(loop, [this] { watch_->want(true, false); }) {}
 
 control_server::~control_server() {
     struct stat what {};
@@ -317,6 +318,10 @@ bool control_server::open(const std::string &path, std::string *why) {
 void control_server::accept_one() {
     unique_fd accepted(accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!accepted) {
+        if (accept_lacks_means(errno)) {
+            watch_->want(false, false);
+            pause_.start(accept_pause);
+        }
         return;
     }
     ucred peer{};

@@ -91,6 +91,7 @@ class control_server {
     std::unique_ptr<fd_watch> watch_;
     std::vector<std::unique_ptr<client>> clients_;
     timer reaper_;
+    timer pause_; // of accepting
     uint64_t lost_ = 0;
 };
 

@@ -67,6 +67,7 @@ struct controllers::listener {
     endpoint where;
     unique_fd socket;
     std::unique_ptr<fd_watch> watch;
+    std::unique_ptr<timer> pause;
     uint64_t accepted = 0;
     ~listener() {
         if (where.kind == endpoint::transport::unix_socket && socket) {
@@ -114,6 +115,7 @@ bool controllers::listen(endpoint where, std::string *why) {
     listener &self = *one;
     one->where = std::move(where);
     one->watch = std::make_unique<fd_watch>(loop_, one->socket.get(), [this, &self](bool, bool) { accept_from(self); });
+    one->pause = std::make_unique<timer>(loop_, [&self] { self.watch->want(true, false); });
     listeners_.push_back(std::move(one));
     return true;
 }
@@ -121,10 +123,20 @@ bool controllers::listen(endpoint where, std::string *why) {
 void controllers::accept_from(listener &from) {
     unique_fd accepted(accept4(from.socket.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!accepted) {
+        // Who waits goes on waiting while there are no descriptors, and would be seen again at once.
+        if (accept_lacks_means(errno)) {
+            if (arrivals_.take()) {
+                log(log_level::warning, "%s: %s", endpoint_text(from.where).c_str(), std::strerror(errno));
+            }
+            from.watch->want(false, false);
+            from.pause->start(accept_pause);
+        }
         return;
     }
     if (sessions_.size() >= max_sessions) {
-        log(log_level::warning, "%s: more than %zu connections", endpoint_text(from.where).c_str(), max_sessions);
+        if (arrivals_.take()) {
+            log(log_level::warning, "%s: more than %zu connections", endpoint_text(from.where).c_str(), max_sessions);
+        }
         return;
     }
     const std::string name = endpoint_text(from.where) + " #" + std::to_string(++from.accepted);
@@ -230,7 +242,8 @@ void controllers::session_open(unique_fd socket, const endpoint &where, const st
     sessions_.push_back(std::make_unique<session>(
         loop_, std::move(bytes), datapath_, name, settings_.probe,
         session::handlers{[this](session &ready) { tell_feed(ready, "connected", ""); },
-                          [this](session &closed, const std::string &why) { session_closed(closed, why); }}));
+                          [this](session &closed, const std::string &why) { session_closed(closed, why); },
+                          from == nullptr ? &arrivals_ : nullptr}));
     session &opened = *sessions_.back();
     if (from != nullptr) {
         from->current = &opened;

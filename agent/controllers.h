@@ -79,6 +79,7 @@ class controllers final : public audience {
     std::vector<std::unique_ptr<session>> sessions_;
     timer reaper_;
     bool is_started_ = false;
+    log_budget arrivals_;
     uint64_t untold_ = 0;
     session::losses lost_;
     uint64_t dropped_before_ = 0; // by connections that are gone

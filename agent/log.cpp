@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <iterator>
+#include <utility>
 
 #include <unistd.h>
 
@@ -101,6 +102,24 @@ void log(log_level level, const char *format, ...) noexcept {
     std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
     write_line(level, "", text);
+}
+
+bool log_budget::take() noexcept {
+    constexpr nanoseconds most = 20;
+    const nanoseconds now = clock_now();
+    const nanoseconds seconds = (now - refilled_) / second_ns;
+    refilled_ += seconds * second_ns;
+    left_ = static_cast<unsigned>(std::min(left_ + seconds, most));
+    if (left_ == 0) {
+        skipped_++;
+        return false;
+    }
+    left_--;
+    if (skipped_ > 0) {
+        log(log_level::notice, "%llu lines like the next one were left out",
+            static_cast<unsigned long long>(std::exchange(skipped_, 0)));
+    }
+    return true;
 }
 
 std::vector<log_module> log_modules() {

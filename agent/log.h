@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "clock.h"
+
 namespace agent {
 
 enum class log_level : uint8_t { error, warning, notice, debug };
@@ -32,6 +34,18 @@ struct log_module {
 std::vector<log_module> log_modules();
 /* False, and why, for a module or a level that does not exist. */
 bool log_module_set(const std::string &module, const std::string &level, std::string *why);
+
+/* For lines that others can cause as often as they like: twenty at once, then one per second. The rest is counted, and
+ * how many they were is logged with the next one. */
+class log_budget {
+  public:
+    bool take() noexcept; // whether a line may be logged now
+
+  private:
+    unsigned left_ = 20;
+    uint64_t skipped_ = 0;
+    nanoseconds refilled_ = 0;
+};
 
 /* While one of these lives, what the library says on this thread is not logged: for questions that may be refused. */
 class log_silence {

@@ -15,7 +15,8 @@ constexpr const char *manufacturer = "Korvane";
 constexpr const char *hardware_text = "Ethernet switch with a 12-tuple flow table";
 constexpr const char *software_text = "krsdn-ofagentd " KR_AGENT_VERSION;
 constexpr const char *serial_text = "None";
-constexpr uint32_t own_xid = 0;                  // of what nobody asked for
+constexpr uint32_t own_xid = 0; // of what nobody asked for
+constexpr nanoseconds greeting_patience = 10 * second_ns;
 constexpr size_t unread_limit = 4 * 1024 * 1024; // bytes that wait for a controller that does not read
 
 refusal bad_request(uint16_t code, const char *reason) {
@@ -27,16 +28,30 @@ refusal bad_request(uint16_t code, const char *reason) {
 session::session(event_loop &loop, std::unique_ptr<stream> bytes, datapath &switch_state, std::string name,
                  nanoseconds probe, handlers on)
     : datapath_(switch_state), name_(std::move(name)), on_(std::move(on)),
+      greeting_(loop, [this] { connection_.close("no HELLO in time"); }),
       connection_(loop, std::move(bytes), *this, probe) {}
 
 /* ---- the connection -------------------------------------------------------------------------------------------- */
+
+void session::start() {
+    greeting_.start(greeting_patience);
+    connection_.start();
+}
+
+// Whoever may connect may do so again and again.
+void session::say(const std::string &what) {
+    if (on_.arrivals == nullptr || on_.arrivals->take()) {
+        log(log_level::notice, "%s: %s", name_.c_str(), what.c_str());
+    }
+}
 
 void session::connection_open(connection &) {
     reply(own_xid, of10::hello{});
 }
 
 void session::connection_closed(connection &, const std::string &why) {
-    log(log_level::notice, "%s: %s", name_.c_str(), why.c_str());
+    say(why);
+    greeting_.stop();
     gathered_.clear();
     connection_.visit_unsent([this](of10::byte_view wire) {
         const auto type = static_cast<of10::message_type>(wire[1]);
@@ -90,7 +105,9 @@ void session::connection_message(connection &, of10::byte_view wire) {
 
 void session::take_failure(const of10::decode_failure &failure, of10::byte_view wire) {
     flush();
-    log(log_level::notice, "%s: message of type %u refused: %s", name_.c_str(), failure.type, failure.reason);
+    if (complaints_.take()) {
+        log(log_level::notice, "%s: message of type %u refused: %s", name_.c_str(), failure.type, failure.reason);
+    }
     if (failure.answer_is_due && !of10::encode(connection_.replies(), failure.xid, failure.answer)) {
         of10::encode_error(connection_.replies(), wire, of10::error_type::bad_request, of10::bad_request::bad_len);
     }
@@ -164,13 +181,16 @@ void session::handle(const request &, of10::hello &) {
     if (!is_ready_) {
         is_ready_ = true;
         const std::string peer = connection_.bytes().peer();
-        log(log_level::notice, "%s: connected%s%s", name_.c_str(), peer.empty() ? "" : " as ", peer.c_str());
+        greeting_.stop();
+        say("connected" + (peer.empty() ? "" : " as " + peer));
         on_.ready(*this);
     }
 }
 
 void session::handle(const request &, of10::error &body) {
-    log(log_level::notice, "%s: the controller reports error type %u code %u", name_.c_str(), body.type, body.code);
+    if (complaints_.take()) {
+        log(log_level::notice, "%s: the controller reports error type %u code %u", name_.c_str(), body.type, body.code);
+    }
 }
 
 void session::handle(const request &from, of10::echo_request &body) {

@@ -11,6 +11,7 @@
 
 #include "connection.h"
 #include "datapath.h"
+#include "log.h"
 
 namespace agent {
 
@@ -19,14 +20,13 @@ class session final : public connection_handler {
     struct handlers {
         std::function<void(session &)> ready;
         std::function<void(session &, const std::string &why)> closed;
+        log_budget *arrivals = nullptr; // for what is logged of its coming and going; null: it comes rarely enough
     };
 
     session(event_loop &loop, std::unique_ptr<stream> bytes, datapath &switch_state, std::string name,
             nanoseconds probe, handlers on);
 
-    void start() {
-        connection_.start();
-    }
+    void start();
     void close(const std::string &why) {
         connection_.close(why);
     }
@@ -75,6 +75,7 @@ class session final : public connection_handler {
         uint32_t xid;
     };
 
+    void say(const std::string &what);
     void take_failure(const of10::decode_failure &failure, of10::byte_view wire);
     void take_flow_mod(of10::flow_mod &&body, of10::byte_view wire);
     void flush();
@@ -112,6 +113,8 @@ class session final : public connection_handler {
     of10::set_config config_; // as the controller has set it
     bool is_ready_ = false;
     losses lost_;
+    log_budget complaints_; // about what the controller sends
+    timer greeting_;
     std::vector<of10::byte_view> gathered_; // the flow-mods of this turn, for their errors
     connection connection_;
 };

@@ -27,6 +27,10 @@ unique_fd::~unique_fd() {
     }
 }
 
+bool accept_lacks_means(int error) noexcept {
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
 namespace {
 
 class plain_stream final : public stream {

@@ -10,6 +10,8 @@
 #include <span>
 #include <string>
 
+#include "clock.h"
+
 namespace agent {
 
 class unique_fd {
@@ -35,6 +37,11 @@ class unique_fd {
   private:
     int fd_ = -1;
 };
+
+/* Whether accepting failed for a lack that may pass: of descriptors, or of memory. A listener that is looked at all the
+ * same is ready again at once. */
+bool accept_lacks_means(int error) noexcept;
+inline constexpr nanoseconds accept_pause = second_ns / 4;
 
 enum class io_state : uint8_t {
     done,       // `size` bytes went through

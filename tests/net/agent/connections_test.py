@@ -6,6 +6,7 @@ Usage: connections_test.py BUILD-FOLDER [unittest arguments]
 import json
 import os
 import re
+import resource
 import select
 import signal
 import socket
@@ -518,6 +519,88 @@ class BackPressure(WithSwitch):
         finally:
             ended.set()
             thread.join()
+
+
+class Hostile(WithSwitch):
+    def test_who_does_not_greet_is_left_whatever_else_it_says(self):
+        self.run_switch("--probe-interval", "0", count=1)
+        good = self.switch.controller()
+        silent, trickling = (self.switch.controller(greet=False) for _ in range(2))
+        for one in (silent, trickling):
+            self.assertEqual(one.receive()[0], of.HELLO)
+        hello = of.message(of.HELLO, b"\0" * 1000)
+        deadline = time.monotonic() + 40
+        open_ones = {silent.socket, trickling.socket}
+        while open_ones:
+            self.assertLess(time.monotonic(), deadline, open_ones)
+            for one in select.select(list(open_ones), [], [], 0.5)[0]:
+                self.assertEqual(one.recv(64), b"")
+                open_ones.discard(one)
+            if trickling.socket in open_ones:
+                try:
+                    trickling.send(hello[:1])
+                    hello = hello[1:]
+                except BrokenPipeError:
+                    pass  # it is left just now
+        self.assertEqual(good.barrier(), {})
+        self.assertEqual(self.switch.log_text().count("no HELLO in time"), 2)
+
+    def test_who_asks_for_much_at_once_does_not_hold_up_others(self):
+        self.run_switch()
+        greedy, other = self.switch.controller(), self.switch.controller()
+        greedy.send(b"".join(of.flow_mod(match=of.match(dl_vlan=i), actions=[of.output(P1)]) for i in range(1000)))
+        self.assertEqual(greedy.barrier(), {})
+        change = b"".join(of.flow_mod(of.MODIFY, actions=[of.output(port)]) for port in (P2, P1))
+        greedy.send(change * 30 + of.message(of.BARRIER_REQUEST))  # sixty times a thousand rules
+        self.assertEqual(other.barrier(), {})
+        self.assertFalse(select.select([greedy.socket], [], [], 0)[0], "the other's turn came only after all of it")
+        greedy.timeout = 200
+        greedy.wait(of.BARRIER_REPLY)
+
+    def test_what_is_wrong_again_and_again_does_not_fill_the_log(self):
+        self.run_switch(count=1)
+        one = self.switch.controller()
+        for _ in range(20):
+            one.send(of.message(99) * 500 + of.message(of.ERROR, b"\0" * 4) * 500)
+            self.assertEqual(sum(one.receive()[0] == of.ERROR for _ in range(500)), 500)
+        for _ in range(200):
+            one_more = socket.socket(socket.AF_UNIX)
+            one_more.connect(self.switch.path)
+            one_more.close()
+        self.assertEqual(one.barrier(), {})
+        self.assertLess(self.switch.log_text().count("\n"), 200)
+        time.sleep(1.1)  # a line is due again
+        one.send(of.message(99))
+        self.assertEqual(len(one.barrier()), 1)
+        self.assertRegex(self.switch.log_text(), r"\d{4,} lines like the next one were left out\n.*message of type 99")
+
+    def test_without_descriptors_it_waits_and_goes_on(self):
+        self.run_switch(count=1)
+        pid = self.switch.process.pid
+        first = self.switch.controller()
+        highest = max(int(name) for name in os.listdir(f"/proc/{pid}/fd"))
+        limits = resource.prlimit(pid, resource.RLIMIT_NOFILE)
+        resource.prlimit(pid, resource.RLIMIT_NOFILE, (highest + 3, limits[1]))
+        waiting = [self.switch.controller(greet=False) for _ in range(8)]
+        asking = [socket.socket(socket.AF_UNIX) for _ in range(2)]
+        for one in asking:
+            one.connect(self.switch.ctl)
+        self.assertEqual(first.barrier(), {})
+
+        def used():  # processor time, in ticks
+            with open(f"/proc/{pid}/stat", encoding="ascii") as file:
+                return sum(map(int, file.read().rsplit(")", 1)[1].split()[11:13]))
+        before, began = used(), time.monotonic()
+        self.assertFalse(select.select([first.socket], [], [], 2)[0])
+        share = (used() - before) / os.sysconf("SC_CLK_TCK") / (time.monotonic() - began)
+        self.assertLess(share, 0.15, "it looks again and again")
+        self.assertIn("Too many open files", self.switch.log_text())
+        resource.prlimit(pid, resource.RLIMIT_NOFILE, limits)
+        for one in waiting:
+            self.assertEqual(one.receive()[0], of.HELLO)
+        self.counters()  # krsdnctl is answered again, too
+        for one in asking:
+            one.close()
 
 
 class CommandLine(unittest.TestCase):
