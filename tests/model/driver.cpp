@@ -158,9 +158,13 @@ bool driver::run(const step &s) {
     plugins_prepare(s);
     const uint32_t faults_before = model_.hw.fault_count;
     if (!s.fault.function.empty()) {
-        KR_MODEL_REQUIRE(kr_soft_fault_set(s.fault.function.c_str(), s.fault.nth, s.fault.code, s.fault.persistent) ==
-                             KR_STATUS_SUCCESS,
-                         "no such contract function: " + s.fault.function);
+        if (is_system_call(s.fault.function)) {
+            system_fault_set(s.fault);
+        } else {
+            KR_MODEL_REQUIRE(kr_soft_fault_set(s.fault.function.c_str(), s.fault.nth, s.fault.code,
+                                               s.fault.persistent) == KR_STATUS_SUCCESS,
+                             "no such contract function: " + s.fault.function);
+        }
         model_.hw.planned = s.fault;
     }
     if (s.what <= op::srvc_life_cycle) {
@@ -181,10 +185,11 @@ bool driver::run(const step &s) {
         run_null_arguments(s);
     }
     kr_soft_fault_clear();
+    control_frames_wait(); // calls of the operating system may fail in it
+    system_fault_set({});
     model_.hw.planned = {};
     fault_came_due = model_.hw.fault_count != faults_before;
     model_.hw.answers.require_empty();
-    control_frames_wait();
     compare_after(s);
     return true;
 }
@@ -370,11 +375,9 @@ void driver::recv_compare(uint32_t channel) {
     const status result = kr_sdn_hal_srvc_recv(&handles_[channel], record.get());
     const received expected = model_.recv(channel, before);
     same_status(result, expected.result);
-    if (result != KR_SDN_HAL_STATUS_SUCCESS) {
-        return;
-    }
     // Control frames share one record in the library: behind a short frame there is the end of a longer one.
-    const bool is_control_frame = expected.record.type == EVENT_PACKET_MISS && expected.record.reserved == 0;
+    const bool is_control_frame = result == KR_SDN_HAL_STATUS_SUCCESS && expected.record.type == EVENT_PACKET_MISS &&
+                                  expected.record.reserved == 0;
     if (is_control_frame) {
         const hal_event_packet &packet = expected.record.payload.packet;
         KR_MODEL_REQUIRE(record->type == EVENT_PACKET_MISS && record->payload.packet.length == packet.length &&

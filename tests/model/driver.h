@@ -64,7 +64,6 @@ class driver {
     connector_thread connector_thread_;
     srvc_handle handles_[channel_count] = {};
     uint32_t group_ids_[group_slot_count] = {};
-    uint32_t step_count_ = 0;
 
     bool is_left_out(const step &s) const;
     void plugins_prepare(const step &s);

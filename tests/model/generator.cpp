@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <random>
@@ -57,14 +58,21 @@ constexpr fault_row fault_rows[] = {
                             "kr_acl_rm_api_acl_set", "kr_acl_rm_api_close", "kr_api_close"}},
     {op::port_added,       {"kr_api_port_state_get", "cl_qpool_get", "kr_acl_rm_api_acl_bind_port_set",
                             "kr_acl_rm_api_acl_mc_group_set"}},
-    {op::port_removed,     {"kr_api_port_state_get"}},
+    {op::connector_start,  {"pipe", "write", "select"}},
+    {op::connector_stop,   {"write", "close"}},
+    {op::port_added,       {"write"}},
+    {op::port_removed,     {"kr_api_port_state_get", "write"}},
+    {op::config,           {"write"}},
+    {op::process_event,    {"write"}},
+    {op::frame,            {"write", "select"}}, // of the thread of control frames
     {op::control_forward,  {"kr_api_host_ifc_trap_id_register_set"}},
     {op::background,       {"psort_background_worker", "kr_acl_rm_api_acl_rule_move_block"}},
-    {op::open,             {"kr_api_host_ifc_open"}},
-    {op::close,            {"kr_api_host_ifc_close"}},
+    {op::open,             {"kr_api_host_ifc_open", "pipe"}},
+    {op::close,            {"kr_api_host_ifc_close", "read", "close"}},
+    {op::select,           {"select"}},
     {op::event_register,   {"kr_api_host_ifc_open", "kr_api_host_ifc_trap_id_register_set"}},
     {op::event_unregister, {"kr_api_host_ifc_trap_id_register_set"}},
-    {op::recv,             {"kr_lib_host_ifc_recv"}},
+    {op::recv,             {"kr_lib_host_ifc_recv", "select", "read"}},
     {op::packet_send,      {"kr_api_host_ifc_open", "kr_lib_host_ifc_unicast_ctrl_send"}},
     {op::event_ack,        {"kr_acl_rm_api_acl_bind_port_set", "kr_acl_rm_api_acl_mc_group_set", "cl_event_signal"}},
     {op::flows_add,        {"cl_malloc", "psort_entry_set", "kr_acl_rm_api_counter_set", "kr_acl_rm_api_acl_rule_set",
@@ -77,6 +85,19 @@ constexpr fault_row fault_rows[] = {
     {op::group_delete,     {"kr_acl_rm_api_acl_mc_group_set"}},
     {op::group_edit,       {"kr_acl_rm_api_acl_mc_group_set"}},
     {op::group_get,        {"kr_acl_rm_api_acl_mc_group_get"}},
+};
+
+// How a call of the operating system may fail; all others fail with a status.
+struct system_code_row {
+    const char *function;
+    uint32_t codes[4];
+};
+constexpr system_code_row system_code_rows[] = {
+    {"pipe",   {EMFILE, ENFILE, EMFILE, ENFILE}},
+    {"close",  {EIO, EINTR, EIO, EINTR}},
+    {"read",   {EIO, EINTR, code_nothing, code_part}},
+    {"write",  {EPIPE, EINTR, code_nothing, code_part}},
+    {"select", {EBADF, EINTR, ENOMEM, code_nothing}},
 };
 
 // How often each operation is drawn, of the sum.
@@ -565,9 +586,12 @@ class generator {
     }
 
     step with_fault(step s) {
-        // The life cycle has few steps, and each of them many calls.
+        // The life cycle has few steps, and each of them many calls; a fault in a frame may end the thread of control
+        // frames until the switch starts again.
         const bool is_rare = s.what == op::connector_start || s.what == op::connector_stop || s.what == op::open;
-        const uint32_t one_in = is_rare ? (character_.fault_one_in + 3) / 4 : character_.fault_one_in;
+        const uint32_t one_in = is_rare               ? (character_.fault_one_in + 3) / 4
+                                : s.what == op::frame ? 10 * character_.fault_one_in
+                                                      : character_.fault_one_in;
         if (one_in == 0 || !dice_.one_in(one_in)) {
             return s;
         }
@@ -586,6 +610,9 @@ class generator {
         s.fault.function = functions[dice_.below(static_cast<uint32_t>(functions.size()))];
         s.fault.nth = is_rare || dice_.one_in(2) ? dice_.below(2) : dice_.below(character_.batch_max + 1);
         s.fault.code = dice_.of(codes);
+        for (const system_code_row &row : system_code_rows) {
+            s.fault.code = s.fault.function == row.function ? dice_.of(row.codes) : s.fault.code;
+        }
         s.fault.persistent = dice_.one_in(4);
         return s;
     }

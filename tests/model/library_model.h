@@ -114,7 +114,7 @@ class library_model {
     status event_register(uint32_t channel, uint32_t event);
     status event_unregister(uint32_t channel, uint32_t event);
     status process_event(const hal_event_record &record);
-    status select(std::span<const uint32_t> selected, uint32_t *ready_mask) const;
+    status select(std::span<const uint32_t> selected, uint32_t *ready_mask);
     received recv(uint32_t channel, const hal_event_record &before);
     status packet_send(uint32_t channel, const bytes &packet, uint32_t of_port);
     status event_ack(const hal_event_record *record);
@@ -191,6 +191,8 @@ class library_model {
     event_outcome port_added(const conn_port_record &port, hal_event_record *record);
     event_outcome port_removed(const conn_port_record &port, hal_event_record *record);
     status control_forward(const conn_control_forward &forward);
+    bool pipe_write(size_t size);
+    void control_frames_select();
     status ensure_sdk_fd(channel_state &channel);
     status trap_change(channel_state &channel, uint32_t command, uint32_t event);
 

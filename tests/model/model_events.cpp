@@ -55,6 +55,9 @@ status library_model::open(uint32_t channel) {
     if (const status result = ensure_sdk_fd(channels[channel]); result != SUCCESS) {
         return result;
     }
+    if (hw.fault_due("pipe")) {
+        return ERROR; // the descriptor of the switch stays open
+    }
     channels[channel].is_open = true;
     return SUCCESS;
 }
@@ -73,6 +76,9 @@ status library_model::close(uint32_t channel) {
     for (auto &slots : registry) {
         std::ranges::replace(slots, static_cast<int>(channel), -1);
     }
+    (void)hw.fault_due("read"); // what was unread is gone, and both ends of the pipe are, whatever the system says
+    (void)hw.fault_due("close");
+    (void)hw.fault_due("close");
     return SUCCESS;
 }
 
@@ -134,7 +140,21 @@ status library_model::event_unregister(uint32_t channel, uint32_t event) {
 
 /* ---- records --------------------------------------------------------------------------------------------------- */
 
-// A channel that is registered but not open (it was opened anew, in vain) takes nothing.
+// The remainder of what was written in part is written until nothing is taken; no bytes of a record that fails lie in
+// the pipe then, for a call either takes a part or fails.
+bool library_model::pipe_write(size_t size) {
+    while (size > 0) {
+        const std::optional<uint32_t> code = hw.fault_due("write");
+        if (code && *code != code_part) {
+            return false;
+        }
+        size -= code ? (size + 1) / 2 : size;
+    }
+    return true;
+}
+
+// A channel that is registered but not open (it was opened anew, in vain) takes nothing. The first that cannot be
+// written to ends it: those behind it do not get the record.
 status library_model::process_event(const hal_event_record &record) {
     if (!srvc_initialized_) {
         return ERROR;
@@ -148,6 +168,9 @@ status library_model::process_event(const hal_event_record &record) {
         }
         channel_state &state = channels[static_cast<size_t>(slot)];
         if (state.is_open) {
+            if (!pipe_write(sizeof record)) {
+                return ERROR;
+            }
             state.pipe.push_back(record);
         }
     }
@@ -168,7 +191,7 @@ bool library_model::ready(uint32_t channel) const {
            (state.has_sdk_fd && !hw.descriptors[static_cast<size_t>(state.descriptor)].queue.empty());
 }
 
-status library_model::select(std::span<const uint32_t> selected, uint32_t *ready_mask) const {
+status library_model::select(std::span<const uint32_t> selected, uint32_t *ready_mask) {
     if (!srvc_initialized_) {
         return ERROR;
     }
@@ -179,6 +202,13 @@ status library_model::select(std::span<const uint32_t> selected, uint32_t *ready
         if (!channels[channel].is_open) {
             return ERROR;
         }
+    }
+    if (const std::optional<uint32_t> code = hw.fault_due("select")) {
+        if (*code != code_nothing) {
+            return ERROR; // the mask is as it was
+        }
+        *ready_mask = 0;
+        return SUCCESS;
     }
     *ready_mask = 0;
     for (size_t i = 0; i < selected.size(); i++) {
@@ -199,13 +229,22 @@ received library_model::recv(uint32_t channel, const hal_event_record &before) {
         result.result = PARAM_ERROR;
         return result;
     }
-    if (!state.pipe.empty()) {
-        result.record = state.pipe.front();
-        state.pipe.pop_front();
-        return result;
-    }
     if (!ready(channel)) {
         result.would_block = true;
+        return result;
+    }
+    if (hw.fault_due("select")) {
+        result.result = ERROR;
+        return result;
+    }
+    if (!state.pipe.empty()) {
+        const std::optional<uint32_t> code = hw.fault_due("read");
+        if (!code || *code == code_part) { // a short read takes the record with it
+            memcpy(static_cast<void *>(&result.record), &state.pipe.front(),
+                   code ? sizeof result.record / 2 : sizeof result.record);
+            state.pipe.pop_front();
+        }
+        result.result = code ? ERROR : SUCCESS;
         return result;
     }
     if (hw.fault_due("kr_lib_host_ifc_recv")) {
@@ -409,26 +448,32 @@ bool library_model::control_frames_reach_clients() const {
     return control_thread_runs_ && !hw.descriptors[static_cast<size_t>(own_descriptor_)].trap_ids.empty();
 }
 
+// The thread waits for more, and ends when it cannot.
+void library_model::control_frames_select() {
+    control_thread_runs_ = !hw.fault_due("select");
+}
+
 // Frames of ports that are not in the database are nobody's.
 void library_model::control_frames_run() {
     if (!control_thread_runs_) {
         return;
     }
     std::deque<cpu_item> &queue = hw.descriptors[static_cast<size_t>(own_descriptor_)].queue;
-    for (; !queue.empty(); queue.pop_front()) {
-        const cpu_item &item = queue.front();
+    while (!queue.empty() && control_thread_runs_) {
+        const cpu_item item = queue.front();
+        queue.pop_front();
         control_frame_count++;
         const port_entry *const port = port_by_log_port(item.trap_id == KR_TRAP_ID_PORT_UP_DOWN ? 0 : item.log_port);
-        if (port == nullptr) {
-            continue;
+        if (port != nullptr) {
+            hal_event_record record{};
+            record.type = EVENT_PACKET_MISS;
+            hal_event_packet &packet = record.payload.packet;
+            packet.length = static_cast<uint32_t>(std::min<size_t>(item.frame.size(), KR_SDN_HAL_PACKET_SIZE));
+            packet.in_port = port->of_port;
+            memcpy(packet.data, item.frame.data(), packet.length);
+            (void)process_event(record);
         }
-        hal_event_record record{};
-        record.type = EVENT_PACKET_MISS;
-        hal_event_packet &packet = record.payload.packet;
-        packet.length = static_cast<uint32_t>(std::min<size_t>(item.frame.size(), KR_SDN_HAL_PACKET_SIZE));
-        packet.in_port = port->of_port;
-        memcpy(packet.data, item.frame.data(), packet.length);
-        (void)process_event(record);
+        control_frames_select();
     }
 }
 

@@ -119,8 +119,8 @@ status library_model::start() {
         undo_from_tables();
         return ERROR;
     }
-    stop_pipe_open_ = true;
-    if (hw.fault_due("cl_thread_init")) {
+    stop_pipe_open_ = !hw.fault_due("pipe");
+    if (!stop_pipe_open_ || hw.fault_due("cl_thread_init")) {
         stop_pipe_open_ = false;
         if (hw.host_ifc_close(device_handle_, own_descriptor_) == KR_STATUS_SUCCESS) {
             undo_from_tables();
@@ -129,6 +129,7 @@ status library_model::start() {
     }
     control_thread_runs_ = true;
     control_start_count++;
+    control_frames_select();
     return SUCCESS;
 }
 
@@ -141,8 +142,14 @@ status library_model::stop() {
     if (!stop_pipe_open_) {
         return SUCCESS;
     }
+    if (const std::optional<uint32_t> code = hw.fault_due("write")) {
+        control_thread_runs_ &= *code != code_part; // two bytes of four end the thread, but not the switch
+        return SUCCESS;
+    }
     control_thread_runs_ = false;
     stop_pipe_open_ = false;
+    (void)hw.fault_due("close"); // both ends of the pipe are gone, whatever the system says
+    (void)hw.fault_due("close");
     (void)hw.host_ifc_close(device_handle_, own_descriptor_);
     if (const status result = tables_dependent_deinit(); result != SUCCESS) {
         return result;

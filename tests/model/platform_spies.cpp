@@ -4,9 +4,17 @@
 #include "tests/model/platform_spies.h"
 
 #include <dlfcn.h>
+#include <link.h>
 #include <sys/select.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <vector>
 
 #include "kr_complib.h"
+#include "kr_sdn_hal.h"
 
 namespace kr_model {
 
@@ -38,7 +46,86 @@ template <typename Call> kr_utils_status watched(seen_placement seen, Call call)
     return seen.status;
 }
 
+/* ---- calls of the operating system ----------------------------------------------------------------------------- */
+
+constexpr const char *system_calls[] = {"pipe", "close", "read", "write", "select"};
+
+struct address_range {
+    uintptr_t begin = 0, end = 0;
+};
+
+// Where the library's code lies.
+address_range library_range() {
+    Dl_info info{};
+    (void)dladdr(reinterpret_cast<void *>(&kr_sdn_hal_init), &info);
+    struct search {
+        uintptr_t base;
+        address_range found;
+    } search{reinterpret_cast<uintptr_t>(info.dli_fbase), {}};
+    (void)dl_iterate_phdr(
+        [](dl_phdr_info *object, size_t, void *context) {
+            auto *const wanted = static_cast<struct search *>(context);
+            for (size_t i = 0; i < object->dlpi_phnum; i++) {
+                const ElfW(Phdr) &header = object->dlpi_phdr[i];
+                if (object->dlpi_addr == wanted->base && header.p_type == PT_LOAD && (header.p_flags & PF_X) != 0) {
+                    const uintptr_t begin = object->dlpi_addr + header.p_vaddr;
+                    wanted->found = {begin, begin + header.p_memsz};
+                }
+            }
+            return 0;
+        },
+        &search);
+    return search.found;
+}
+
+std::atomic<bool> has_system_fault{false};
+
+// The code with which the call is to fail; 0: it is not.
+uint32_t system_call_due(const char *name, const void *return_address) {
+    if (!has_system_fault) {
+        return 0;
+    }
+    static const address_range library = library_range();
+    const auto address = reinterpret_cast<uintptr_t>(return_address);
+    if (address < library.begin || address >= library.end) {
+        return 0;
+    }
+    const std::lock_guard lock(spies.mutex);
+    fault &planned = spies.system_call;
+    if (planned.function != name) {
+        return 0;
+    }
+    if (planned.nth > 0) {
+        planned.nth--;
+        return 0;
+    }
+    const uint32_t code = planned.code;
+    if (!planned.persistent) {
+        planned = {};
+    }
+    return code;
+}
+
+int failed(uint32_t code) {
+    if (code == code_nothing) {
+        return 0;
+    }
+    errno = static_cast<int>(code);
+    return -1;
+}
+
 } // namespace
+
+bool is_system_call(const std::string &function) {
+    return std::ranges::find(system_calls, function) != std::end(system_calls);
+}
+
+void system_fault_set(const fault &planned) {
+    const std::lock_guard lock(spies.mutex);
+    spies.system_call = planned;
+    has_system_fault = !planned.function.empty();
+}
+
 } // namespace kr_model
 
 using namespace kr_model;
@@ -112,14 +199,53 @@ EXPORTED cl_status_t cl_event_wait_on(cl_event_t *event, uint32_t wait_us, uint3
     return platform(event, wait_us, interruptible);
 }
 
+/* ---- the operating system -------------------------------------------------------------------------------------- */
+
+// Only what the library itself calls may fail: it is told by the address that the call returns to.
+#define DUE(name) system_call_due(name, __builtin_return_address(0))
+
+EXPORTED int pipe(int *ends) noexcept {
+    SPY(pipe);
+    const uint32_t code = DUE("pipe");
+    return code != 0 ? failed(code) : platform(ends);
+}
+
+EXPORTED int close(int fd) {
+    SPY(close);
+    const uint32_t code = DUE("close");
+    const int result = platform(fd); // it is closed all the same
+    return code != 0 ? failed(code) : result;
+}
+
+EXPORTED ssize_t read(int fd, void *bytes, size_t size) {
+    SPY(read);
+    const uint32_t code = DUE("read");
+    if (code == code_part) { // the rest is lost
+        const ssize_t part = platform(fd, bytes, size / 2);
+        std::vector<uint8_t> rest(size - size / 2);
+        return part > 0 && platform(fd, rest.data(), rest.size()) > 0 ? part : -1;
+    }
+    return code != 0 ? failed(code) : platform(fd, bytes, size);
+}
+
+EXPORTED ssize_t write(int fd, const void *bytes, size_t size) {
+    SPY(write);
+    const uint32_t code = DUE("write");
+    if (code == code_part) {
+        return platform(fd, bytes, (size + 1) / 2);
+    }
+    return code != 0 ? failed(code) : platform(fd, bytes, size);
+}
+
 // Only the thread of control frames waits here on a thread of the library.
 EXPORTED int select(int count, fd_set *__restrict reads, fd_set *__restrict writes, fd_set *__restrict exceptions,
                     timeval *__restrict timeout) {
     SPY(select);
+    const uint32_t code = DUE("select");
     if (this_thread_role == thread_role::library) {
         const std::lock_guard lock(spies.mutex);
         spies.control_wait_count++;
         spies.changed.notify_all();
     }
-    return platform(count, reads, writes, exceptions, timeout);
+    return code != 0 ? failed(code) : platform(count, reads, writes, exceptions, timeout);
 }

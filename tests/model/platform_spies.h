@@ -1,7 +1,8 @@
 /*
  * Stands in front of a few platform calls, to learn what the platform chose (see platform_answers), when the library's
- * own threads have done their work, and to keep the placement library's worker for the steps that ask for it: what the
- * background thread would do between two steps depends on time.
+ * own threads have done their work, to let calls that the library makes to the operating system fail, and to keep the
+ * placement library's worker for the steps that ask for it: what the background thread would do between two steps
+ * depends on time.
  */
 #ifndef KR_TESTS_MODEL_PLATFORM_SPIES_H
 #define KR_TESTS_MODEL_PLATFORM_SPIES_H
@@ -9,6 +10,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <string>
 
 #include "tests/model/switch_model.h"
 
@@ -25,8 +27,14 @@ struct platform_spies {
     std::condition_variable changed;
     uint32_t control_wait_count = 0; // how often the thread of control frames began to wait
     bool connector_in_wait = false;  // the connector's thread waits for an acknowledgement
+    fault system_call;               // that is to fail
 };
 extern platform_spies spies;
+
+// Whether it is a call of the operating system that can be made to fail.
+bool is_system_call(const std::string &function);
+// From now on; an empty one ends it.
+void system_fault_set(const fault &planned);
 
 } // namespace kr_model
 

@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/model/driver.h"
+#include "tests/model/platform_spies.h"
 #include "tests/support/leaks.h"
 
 extern "C" __attribute__((weak)) void __gcov_dump();
@@ -63,6 +64,7 @@ void redirect(int fd, int flags) {
             statistics.run++;
             statistics.ended_with[std::min(both.last_status, status_count - 1)]++;
             statistics.faults += both.fault_came_due ? 1 : 0;
+            statistics.system_faults += both.fault_came_due && is_system_call(steps[i].fault.function) ? 1 : 0;
             shared.most_places = std::max(shared.most_places, both.place_count());
             shared.most_counters = std::max(shared.most_counters, both.flow_counters_used());
         }

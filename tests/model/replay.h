@@ -17,8 +17,8 @@ namespace kr_model {
 constexpr uint32_t status_count = 16; // of the library 12, of the platform 15
 
 struct op_statistics {
-    uint64_t run, left_out, faults;
-    uint64_t ended_with[status_count]; // by status
+    uint64_t run, left_out, faults, system_faults; // the last: of the operating system, of all faults
+    uint64_t ended_with[status_count];             // by status
 };
 
 struct outcome {

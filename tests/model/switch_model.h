@@ -41,7 +41,9 @@ struct mismatch : std::runtime_error {
 
 /* ---- faults ---------------------------------------------------------------------------------------------------- */
 
-// The nth next call of a contract function fails with a code, and every later one too if it is persistent.
+// The nth next call of a contract function, or of the operating system, fails with a code, and every later one too if
+// it is persistent. Codes of a system call are errnos, and these.
+enum : uint32_t { code_nothing = 1000, code_part = 1001 }; // read, write, select: none; about half of the bytes
 struct fault {
     std::string function; // empty: none
     uint32_t nth = 0;

@@ -37,9 +37,12 @@ namespace {
 
 /* ---- the table of calls ---------------------------------------------------------------------------------------- */
 
-constexpr failure_code any_status[] = {{1}, {2}, {3}, {4}, {5}, {6}, {7}, {8}, {9}, {10}, {11}}; // of a plug-in
-
 template <uint32_t... Values> constexpr failure_code codes[] = {{Values}...};
+
+// Every status of a plug-in, of the switch's libraries (kr_status) and of pSort (kr_utils_status).
+constexpr auto &any_status = codes<1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11>;
+constexpr auto &any_of_the_switch = codes<1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14>;
+constexpr auto &any_of_psort = codes<1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18>;
 
 constexpr failure_code null_pointer[] = {{1, "NULL"}};
 constexpr failure_code not_there[] = {{1, "not there"}};
@@ -55,32 +58,32 @@ constexpr failure_code bad_descriptor[] = {{EBADF, "EBADF"}};
 /* clang-format off */
 constexpr call_row rows[] = {
     // device
-    {"kr_api_open",                          call_class::device,      codes<1, 6>},
-    {"kr_api_close",                         call_class::device,      codes<1, 12>},
-    {"kr_api_port_state_get",                call_class::device,      codes<1, 5>},
-    {"kr_api_host_ifc_open",                 call_class::device,      codes<1, 6>},
-    {"kr_api_host_ifc_close",                call_class::device,      codes<1, 12>},
-    {"kr_api_host_ifc_trap_id_register_set", call_class::device,      codes<1, 3, 12>},
-    {"kr_lib_host_ifc_recv",                 call_class::device,      codes<1, 9, 12>},
-    {"kr_lib_host_ifc_unicast_ctrl_send",    call_class::device,      codes<1, 5, 10>},
+    {"kr_api_open",                          call_class::device,      any_of_the_switch},
+    {"kr_api_close",                         call_class::device,      any_of_the_switch},
+    {"kr_api_port_state_get",                call_class::device,      any_of_the_switch},
+    {"kr_api_host_ifc_open",                 call_class::device,      any_of_the_switch},
+    {"kr_api_host_ifc_close",                call_class::device,      any_of_the_switch},
+    {"kr_api_host_ifc_trap_id_register_set", call_class::device,      any_of_the_switch},
+    {"kr_lib_host_ifc_recv",                 call_class::device,      any_of_the_switch},
+    {"kr_lib_host_ifc_unicast_ctrl_send",    call_class::device,      any_of_the_switch},
     // ACL resource manager
-    {"kr_acl_rm_api_open",                   call_class::acl_rm,      codes<1, 6>},
-    {"kr_acl_rm_api_init",                   call_class::acl_rm,      codes<1, 12>},
-    {"kr_acl_rm_api_close",                  call_class::acl_rm,      codes<1, 12>},
-    {"kr_acl_rm_api_acl_set",                call_class::acl_rm,      codes<1, 5, 6>},
-    {"kr_acl_rm_api_acl_bind_port_set",      call_class::acl_rm,      codes<1, 7, 11>},
-    {"kr_acl_rm_api_acl_rule_set",           call_class::acl_rm,      codes<1, 5, 6, 8, 10>},
-    {"kr_acl_rm_api_acl_rule_get",           call_class::acl_rm,      codes<1, 5>},
-    {"kr_acl_rm_api_acl_rule_move_block",    call_class::acl_rm,      codes<1, 11>},
-    {"kr_acl_rm_api_counter_set",            call_class::acl_rm,      codes<1, 6>},
-    {"kr_acl_rm_api_counter_get",            call_class::acl_rm,      codes<1, 5>},
-    {"kr_acl_rm_api_acl_mc_group_set",       call_class::acl_rm,      codes<1, 5, 6>},
-    {"kr_acl_rm_api_acl_mc_group_get",       call_class::acl_rm,      codes<1, 5, 6>},
+    {"kr_acl_rm_api_open",                   call_class::acl_rm,      any_of_the_switch},
+    {"kr_acl_rm_api_init",                   call_class::acl_rm,      any_of_the_switch},
+    {"kr_acl_rm_api_close",                  call_class::acl_rm,      any_of_the_switch},
+    {"kr_acl_rm_api_acl_set",                call_class::acl_rm,      any_of_the_switch},
+    {"kr_acl_rm_api_acl_bind_port_set",      call_class::acl_rm,      any_of_the_switch},
+    {"kr_acl_rm_api_acl_rule_set",           call_class::acl_rm,      any_of_the_switch},
+    {"kr_acl_rm_api_acl_rule_get",           call_class::acl_rm,      any_of_the_switch},
+    {"kr_acl_rm_api_acl_rule_move_block",    call_class::acl_rm,      any_of_the_switch},
+    {"kr_acl_rm_api_counter_set",            call_class::acl_rm,      any_of_the_switch},
+    {"kr_acl_rm_api_counter_get",            call_class::acl_rm,      any_of_the_switch},
+    {"kr_acl_rm_api_acl_mc_group_set",       call_class::acl_rm,      any_of_the_switch},
+    {"kr_acl_rm_api_acl_mc_group_get",       call_class::acl_rm,      any_of_the_switch},
     // pSort
-    {"psort_init",                           call_class::psort,       codes<1, 3, 7, 8>},
-    {"psort_entry_set",                      call_class::psort,       codes<1, 5, 6, 9, 10, 14>},
-    {"psort_clear_table",                    call_class::psort,       codes<1, 15>},
-    {"psort_background_worker",              call_class::psort,       codes<1, 10>},
+    {"psort_init",                           call_class::psort,       any_of_psort},
+    {"psort_entry_set",                      call_class::psort,       any_of_psort},
+    {"psort_clear_table",                    call_class::psort,       any_of_psort},
+    {"psort_background_worker",              call_class::psort,       any_of_psort},
     // plug-ins; conn_config_params_get is never called, conn_log returns nothing
     {"conn_init",                            call_class::connector,   any_status},
     {"conn_init_done_hal",                   call_class::connector,   any_status},
@@ -326,8 +329,9 @@ std::string without_places(std::string line) {
         return line.replace(notified, line.rfind(' ') - notified, "old_index: <from>, new_index: <to>, size: <size>");
     }
     const size_t moved = line.find("start block [");
-    if (moved != std::string::npos && sscanf(line.c_str() + moved, "start block [%u] , new start [%u] and size [%u]",
-                                             &asked.from, &asked.to, &asked.size) == 3 &&
+    if (moved != std::string::npos &&
+        sscanf(line.c_str() + moved, "start block [%u] , new start [%u] and size [%u]", &asked.from, &asked.to,
+               &asked.size) == 3 &&
         asked.from == last_shift.from && asked.to == last_shift.to && asked.size == last_shift.size) {
         return line.replace(moved, std::string::npos, "start block [<from>] , new start [<to>] and size [<size>]");
     }

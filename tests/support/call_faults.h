@@ -30,7 +30,7 @@ enum : uint32_t { code_nothing = 1000, code_part = 1001 }; // read, write, selec
 struct call_row {
     const char *name;
     call_class kind;
-    std::span<const failure_code> codes; // the documented ones; the first stands for all where one must do
+    std::span<const failure_code> codes; // all that it has; the first stands for them where one must do
 };
 const call_row *call_row_of(const std::string &name);
 std::span<const call_row> call_rows();

@@ -16,6 +16,7 @@
 #include "tests/support/fake_connector.h"
 #include "tests/support/fake_fpt.h"
 #include "tests/support/formatted.h"
+#include "tests/support/leaks.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/plugin_control.h"
 #include "tests/system/flows_and_frames.h"
@@ -250,7 +251,7 @@ void hostile_init::plugins_that_fail_at_the_end() {
             EXPECT_THAT(log.take(),
                         ElementsAre(fpt_error("FPT is not initialized."), general_error("FPT deinit failed."),
                                     log_line{KR_LOG_ERROR, "HAL_API", "SDN HAL modules deinit failed.\n"}));
-            _exit(HasFailure() ? 1 : 0);
+            _exit(HasFailure() || has_leaked() ? 1 : 0);
         },
         testing::ExitedWithCode(0), "");
 

@@ -2,6 +2,7 @@
 """tools/mutate on a tree of one small source: what it finds to change, what it leaves alone, what survives a test that is
 too weak, that the list of known survivors counts, that results are kept, and that the tree stays as it was.
 Usage: mutation_test.py SOURCE-FOLDER [CASE ...]"""
+import fcntl
 import pathlib
 import shutil
 import subprocess
@@ -144,6 +145,13 @@ class Mutation(unittest.TestCase):
         (self.tree / "test.cpp").write_text("int clamp(int);\nint main() { return clamp(3) == 3; }\n")
         self.assertIn("clamp_test fails without any change: exit 1", self.mutate(code=2))
         (self.tree / "test.cpp").write_text(TREE["test.cpp"].lstrip("\n"))
+
+    def test_two_runs_do_not_share_a_folder(self):
+        (self.folder / "work").mkdir(exist_ok=True)
+        with (self.folder / "work/held").open("w") as held:
+            fcntl.flock(held, fcntl.LOCK_EX)
+            self.assertIn("another run is at work in ", self.mutate("--report", code=2))
+        self.mutate("--show", "core", code=0)
 
     def test_a_test_that_hangs_is_ended(self):
         workspace = build.Workspace(self.tree, self.folder / "hang", print)

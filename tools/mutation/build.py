@@ -5,6 +5,7 @@ source of the library is compiled once, as position-independent code, and its ob
 was made of it. The tests' own objects are not compiled again, so they see the library as it should be where a header is
 changed; only when no test notices are those made anew that include the header, for they may hold its inline functions.
 """
+import fcntl
 import json
 import os
 import pathlib
@@ -71,6 +72,7 @@ class Workspace:
         self.top, self.folder, self.say = pathlib.Path(top), pathlib.Path(folder), say
         self.source, self.build = self.folder / "src", self.folder / "build"
         self.dirty = self.folder / "dirty"  # stands while objects of a mutant may lie in the build
+        self.held = None
         self.tests = []
         self.commands = {}  # source of the library -> the command that compiles it
         self.outputs = {}   # source of the library -> the objects that were made of it
@@ -85,6 +87,7 @@ class Workspace:
     def prepare(self, tests=True):
         """Copies and builds; without `tests` only what it takes to find the places."""
         self.folder.mkdir(parents=True, exist_ok=True)
+        self.hold()
         (self.folder / "tmp").mkdir(exist_ok=True)
         self.copy_tree()
         if not (self.build / "build.ninja").exists():
@@ -110,6 +113,14 @@ class Workspace:
                 raise Failure(f"{source} does not compile as it is")
             self.originals[source] = self.object_of(source).read_bytes()
         self.measure()
+
+    def hold(self):
+        """One run at a time: another one would change the sources under the feet of this one."""
+        self.held = (self.folder / "held").open("w")
+        try:
+            fcntl.flock(self.held, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except BlockingIOError:
+            raise Failure(f"another run is at work in {self.folder}; --work names another folder") from None
 
     def copy_tree(self):
         """The working tree as it is, uncommitted changes included; files that are as they were keep their dates."""
