@@ -70,7 +70,7 @@ class connection {
     }
     void send();
 
-    /* Ends the connection once the queued replies are out, or at once if the peer does not take them. */
+    /* Ends the connection once the queued replies are out; the caller sees to it that this does not take for ever. */
     void close_after_sending(const std::string &why);
     void close(const std::string &why);
     bool is_closed() const {

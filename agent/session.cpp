@@ -16,7 +16,7 @@ constexpr const char *hardware_text = "Ethernet switch with a 12-tuple flow tabl
 constexpr const char *software_text = "krsdn-ofagentd " KR_AGENT_VERSION;
 constexpr const char *serial_text = "None";
 constexpr uint32_t own_xid = 0; // of what nobody asked for
-constexpr nanoseconds greeting_patience = 10 * second_ns;
+constexpr nanoseconds patience_time = 10 * second_ns;
 constexpr size_t unread_limit = 4 * 1024 * 1024; // bytes that wait for a controller that does not read
 
 refusal bad_request(uint16_t code, const char *reason) {
@@ -28,14 +28,22 @@ refusal bad_request(uint16_t code, const char *reason) {
 session::session(event_loop &loop, std::unique_ptr<stream> bytes, datapath &switch_state, std::string name,
                  nanoseconds probe, handlers on)
     : datapath_(switch_state), name_(std::move(name)), on_(std::move(on)),
-      greeting_(loop, [this] { connection_.close("no HELLO in time"); }),
+      patience_(loop,
+                [this] { connection_.close(is_leaving_ ? "it does not take the last message" : "no HELLO in time"); }),
       connection_(loop, std::move(bytes), *this, probe) {}
 
 /* ---- the connection -------------------------------------------------------------------------------------------- */
 
 void session::start() {
-    greeting_.start(greeting_patience);
+    patience_.start(patience_time);
     connection_.start();
+}
+
+// The last message is given some time to go out.
+void session::leave(const std::string &why) {
+    is_leaving_ = true;
+    patience_.start(patience_time);
+    connection_.close_after_sending(why);
 }
 
 // Whoever may connect may do so again and again.
@@ -51,7 +59,7 @@ void session::connection_open(connection &) {
 
 void session::connection_closed(connection &, const std::string &why) {
     say(why);
-    greeting_.stop();
+    patience_.stop();
     gathered_.clear();
     connection_.visit_unsent([this](of10::byte_view wire) {
         const auto type = static_cast<of10::message_type>(wire[1]);
@@ -83,7 +91,7 @@ void session::connection_message(connection &, of10::byte_view wire) {
         }
         of10::encode_error_text(connection_.replies(), message.xid, of10::error_type::hello_failed,
                                 of10::hello_failed::incompatible, "HELLO has to come first");
-        connection_.close_after_sending("the first message was not HELLO");
+        leave("the first message was not HELLO");
         return;
     }
     if (auto *mod = std::get_if<of10::flow_mod>(&message.body)) {
@@ -113,7 +121,7 @@ void session::take_failure(const of10::decode_failure &failure, of10::byte_view 
     }
     const bool is_hello = failure.answer.type == static_cast<uint16_t>(of10::error_type::hello_failed);
     if (is_hello || !is_ready_) {
-        connection_.close_after_sending("no common version of OpenFlow");
+        leave("no common version of OpenFlow");
     }
 }
 
@@ -181,7 +189,7 @@ void session::handle(const request &, of10::hello &) {
     if (!is_ready_) {
         is_ready_ = true;
         const std::string peer = connection_.bytes().peer();
-        greeting_.stop();
+        patience_.stop();
         say("connected" + (peer.empty() ? "" : " as " + peer));
         on_.ready(*this);
     }

@@ -75,6 +75,7 @@ class session final : public connection_handler {
         uint32_t xid;
     };
 
+    void leave(const std::string &why);
     void say(const std::string &what);
     void take_failure(const of10::decode_failure &failure, of10::byte_view wire);
     void take_flow_mod(of10::flow_mod &&body, of10::byte_view wire);
@@ -114,7 +115,8 @@ class session final : public connection_handler {
     bool is_ready_ = false;
     losses lost_;
     log_budget complaints_; // about what the controller sends
-    timer greeting_;
+    timer patience_;        // for HELLO, and for the last message
+    bool is_leaving_ = false;
     std::vector<of10::byte_view> gathered_; // the flow-mods of this turn, for their errors
     connection connection_;
 };

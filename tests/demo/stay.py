@@ -15,8 +15,9 @@ from interrupted import names_in, processes_of_session, world
 
 LAST = "Ctrl-C here ends all of it."
 # A word of each command that has to be there, and what its output has to show.
-COMMANDS = {"agent-control flows": "s1-eth1|dl_src|actions", "agent-control trace": "the flow that is taken|to the controller",
-            "agent-control audit": "(?m)^they agree$", "ovs-ofctl -O OpenFlow10 show": r"(?s)s1-eth1.*s1-eth2.*s1-eth3",
+COMMANDS = {"agent-control flows": "dl_src=", "agent-control audit": "(?m)^they agree$",
+            "agent-control trace": "the flow that is taken|to the controller",
+            "ovs-ofctl -O OpenFlow10 show": r"(?s)s1-eth1.*s1-eth2.*s1-eth3",
             "ovs-ofctl -O OpenFlow10 dump-flows": "cookie=", "ip netns exec h1 ping": "3 received", " bash": ""}
 ENDS = [(signal.SIGINT, True), (signal.SIGTERM, False)]  # Ctrl-C, and a signal to the script alone
 
@@ -43,8 +44,8 @@ def commands_work(lines):
 def stays_and_ends(run_demo, build, number, whole_group):
     before = world()
     with tempfile.TemporaryDirectory() as folder:
-        process = subprocess.Popen([run_demo, "--seed", "1", "--stay"], stdout=subprocess.PIPE, stdin=subprocess.DEVNULL,
-                                   stderr=subprocess.STDOUT, text=True, start_new_session=True,
+        process = subprocess.Popen([run_demo, "--seed", "1", "--stay"], stdout=subprocess.PIPE,
+                                   stdin=subprocess.DEVNULL, stderr=subprocess.STDOUT, text=True, start_new_session=True,
                                    env=dict(os.environ, KR_DEMO_BUILD=build, TMPDIR=folder))
         lines = []
         while not lines or LAST not in lines[-1]:
@@ -82,7 +83,8 @@ def main():
         if wrong:
             print(output, flush=True)
         failed += bool(wrong)
-    both = subprocess.run([run_demo, "--stay", "--capture"], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
+    both = subprocess.run([run_demo, "--stay", "--capture"], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                          check=False)
     if both.returncode != 2:
         print(f"FAILED: --stay --capture ended with {both.returncode}")
         failed += 1

@@ -545,6 +545,20 @@ class Hostile(WithSwitch):
         self.assertEqual(good.barrier(), {})
         self.assertEqual(self.switch.log_text().count("no HELLO in time"), 2)
 
+    def test_who_does_not_take_the_last_message_is_left(self):
+        self.run_switch("--probe-interval", "0", count=1)
+        good, bad = self.switch.controller(), self.switch.controller()
+        echo = of.message(of.ECHO_REQUEST, b"e" * 50000)
+        bad.send(echo * 5 + of.message(of.HELLO, version=0))  # more answers than the kernel takes, then the end
+        with self.assertRaises(TimeoutError):
+            bad.timeout = 0.5
+            while True:
+                bad.send(echo)  # it is not read any more
+        deadline = time.monotonic() + 40
+        while "does not take the last message" not in self.switch.log_text():
+            self.assertLess(time.monotonic(), deadline)
+            self.assertEqual(good.barrier(), {})
+
     def test_who_asks_for_much_at_once_does_not_hold_up_others(self):
         self.run_switch()
         greedy, other = self.switch.controller(), self.switch.controller()
