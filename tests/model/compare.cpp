@@ -39,6 +39,7 @@ bool sends_frames(op what) {
 void driver::compare_after(const step &s) {
     compare_usage();
     compare_registry();
+    compare_channels();
     if (sends_frames(s.what)) {
         compare_sent_frames();
     }
@@ -56,6 +57,7 @@ void driver::compare_after(const step &s) {
 void driver::compare_all() {
     compare_usage();
     compare_registry();
+    compare_channels();
     compare_sent_frames();
     compare_drops();
     compare_rules();
@@ -92,6 +94,16 @@ void driver::compare_registry() KR_NO_THREAD_SAFETY_ANALYSIS {
             KR_MODEL_REQUIRE(events_db.handles[event][slot] == expected,
                              "slot " + std::to_string(slot) + " of event " + std::to_string(event) + " differs");
         }
+    }
+}
+
+// What the client's handles say of themselves.
+void driver::compare_channels() {
+    for (uint32_t i = 0; i < channel_count; i++) {
+        const channel_state &expected = model_.channels[i];
+        KR_MODEL_REQUIRE(handles_[i].is_open == (expected.is_open ? 1 : 0) &&
+                             handles_[i].sdk_fd_open == (expected.has_sdk_fd ? 1 : 0),
+                         "channel " + std::to_string(i) + " is not as open as it should be");
     }
 }
 

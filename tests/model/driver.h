@@ -89,6 +89,7 @@ class driver {
     void compare_after(const step &s);
     void compare_usage();
     void compare_registry();
+    void compare_channels();
     void compare_sent_frames();
     void compare_drops();
     void compare_rules();
