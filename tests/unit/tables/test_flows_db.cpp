@@ -225,7 +225,7 @@ TEST_F(flows_db_test, deinit_returns_the_status_of_the_last_deletion_only) {
 TEST_F(flows_db_test, null_database_returns_8_with_its_description) {
     flow_entry entry = entry_of(1, 1);
     uint32_t count = 0;
-    const std::array statuses = {flows_db_init(nullptr, 1),
+    const std::array statuses = {flows_db_init(nullptr, 6001), // the missing database before the size
                                  flows_db_deinit(nullptr),
                                  flows_db_occupancy_get(nullptr, &count),
                                  flows_db_entry_add(nullptr, &entry),
