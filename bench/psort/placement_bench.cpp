@@ -54,22 +54,30 @@ summary summary_of(measurement *result) {
             mean + call_cost * calls};
 }
 
+double median(std::vector<double> *values) {
+    const auto middle = values->begin() + static_cast<std::ptrdiff_t>(values->size() / 2);
+    std::nth_element(values->begin(), middle, values->end());
+    return values->empty() ? 0 : *middle;
+}
+
 void print_heading(uint32_t size, const options &chosen) {
     double load = 0; // of a quiet machine when times are to mean something
     (void)getloadavg(&load, 1);
     std::printf("\n%u slots, seeds %" PRIu64 " to %" PRIu64 ", load average %.2f\n", size, chosen.seed,
                 chosen.seed + chosen.rounds - 1, load);
-    std::printf("%-25s %8s %6s %6s %8s %8s %8s   %8s %6s %6s %9s   %s\n", "rules moved per add", "mean", "99 %", "max",
-                "calls", "cost", "ns/op", "nearest:", "99 %", "max", "cost", size == 1000 ? "goal" : "");
+    std::printf("%-25s %8s %6s %6s %8s %8s %8s %8s   %8s %6s %6s %9s   %s\n", "rules moved per add", "mean", "99 %",
+                "max", "calls", "cost", "ns/op", "no move", "nearest:", "99 %", "max", "cost",
+                size == 1000 ? "goal" : "");
 }
 
 void print_row(const named_trace &what, uint32_t size, measurement *library, measurement *baseline) {
     const summary ours = summary_of(library);
     const summary theirs = summary_of(baseline);
-    std::printf("%-25s %8.3f %6u %6u %8.3f %8.3f %8.0f   %8.2f %6u %6u %9.1f   %s\n", what.name, ours.mean,
+    std::printf("%-25s %8.3f %6u %6u %8.3f %8.3f %8.0f %8.0f   %8.2f %6u %6u %9.1f   %s\n", what.name, ours.mean,
                 ours.percentile_99, ours.max, ours.calls, ours.cost,
-                library->nanoseconds / static_cast<double>(library->timed_operations), theirs.mean,
-                theirs.percentile_99, theirs.max, theirs.cost, size == 1000 ? what.goal : "");
+                library->nanoseconds / static_cast<double>(library->timed_operations),
+                median(&library->still_nanoseconds), theirs.mean, theirs.percentile_99, theirs.max, theirs.cost,
+                size == 1000 ? what.goal : "");
     if (library->worker_calls != 0) {
         const auto adds = static_cast<double>(library->moved.size());
         std::printf("%-25s %8.3f %6s %6s %8.3f\n", "  and the worker, per add",

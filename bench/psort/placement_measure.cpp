@@ -21,6 +21,8 @@ void moves_by_occupancy::count(uint32_t occupied, uint32_t size, uint32_t moved)
 namespace {
 
 using kr_test::placement_owner;
+using std::chrono::steady_clock;
+using nanoseconds = std::chrono::duration<double, std::nano>;
 
 kr_utils_status agree(uint32_t, psort_notification_data *, void *) {
     return KR_UTILS_STATUS_SUCCESS;
@@ -93,9 +95,14 @@ void count_moves(const trace &steps, uint32_t size, measurement *result) {
         const uint64_t moved = owner.rules_moved();
         const uint64_t calls = owner.shift_calls();
         psort_entry entry;
+        const auto start = steady_clock::now();
         if (!table.is_open() || !table.run(step, &entry)) {
             result->failure = "the library refused an operation";
             return;
+        }
+        const nanoseconds taken = steady_clock::now() - start;
+        if (step.kind == trace_operation::add && owner.last_shifts().empty()) {
+            result->still_nanoseconds.push_back(taken.count());
         }
         owner.forget_shifts();
         if (step.kind == trace_operation::add) {
@@ -119,8 +126,8 @@ void take_time(const trace &steps, uint32_t size, measurement *result) {
     attributes.cookie = 0;
     attributes.notification_callback = agree;
     const scoped_table table(attributes);
-    std::chrono::duration<double, std::nano> worker{};
-    const auto start = std::chrono::steady_clock::now();
+    nanoseconds worker{};
+    const auto start = steady_clock::now();
     for (const trace_operation &step : steps) {
         psort_entry entry;
         if (step.kind != trace_operation::background) {
@@ -128,11 +135,11 @@ void take_time(const trace &steps, uint32_t size, measurement *result) {
             ++result->timed_operations;
             continue;
         }
-        const auto worker_start = std::chrono::steady_clock::now();
+        const auto worker_start = steady_clock::now();
         (void)table.run(step, &entry);
-        worker += std::chrono::steady_clock::now() - worker_start;
+        worker += steady_clock::now() - worker_start;
     }
-    const std::chrono::duration<double, std::nano> all = std::chrono::steady_clock::now() - start;
+    const nanoseconds all = steady_clock::now() - start;
     result->nanoseconds += (all - worker).count();
 }
 

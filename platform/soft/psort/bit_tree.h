@@ -1,7 +1,8 @@
 /*
  * A set of small numbers that answers "the next member from here on" and "the last member up to here" in a few loads,
- * whatever its size: a bitmap under bitmaps of its non-empty words, 64 to one. It allocates once, when it is made, and
- * knows nothing of tables; the shadow of a pSort table keeps one for its live slots and one for its free ones.
+ * whatever its size, and "how many below" in not many more: a bitmap under bitmaps of its non-empty words, 64 to one,
+ * each word with the number of members under it. It allocates once, when it is made, and knows nothing of tables; the
+ * shadow of a pSort table keeps one for its live slots and one for its free ones.
  */
 #ifndef KR_SOFT_PSORT_BIT_TREE_H
 #define KR_SOFT_PSORT_BIT_TREE_H
@@ -25,7 +26,8 @@ class bit_tree {
     explicit bit_tree(int32_t size) : size_(size) {
         for (auto words = static_cast<size_t>(size);;) {
             words = (words + 63) / 64;
-            levels_[depth_++].assign(words, 0);
+            levels_[depth_].assign(words, 0);
+            counts_[depth_++].assign(words, 0);
             if (words == 1) {
                 break;
             }
@@ -36,24 +38,20 @@ class bit_tree {
         return (levels_[0][word_of(number)] >> (number & 63) & 1) != 0;
     }
 
+    // `number` is no member yet.
     void insert(int32_t number) {
         for (size_t level = 0; level < depth_; ++level, number >>= 6) {
-            uint64_t &word = levels_[level][word_of(number)];
-            const bool was_empty = word == 0;
-            word |= bit(number);
-            if (!was_empty) {
-                return;
-            }
+            levels_[level][word_of(number)] |= bit(number);
+            ++counts_[level][word_of(number)];
         }
     }
 
+    // `number` is a member.
     void erase(int32_t number) {
         for (size_t level = 0; level < depth_; ++level, number >>= 6) {
-            uint64_t &word = levels_[level][word_of(number)];
-            word &= ~bit(number);
-            if (word != 0) {
-                return;
-            }
+            const bool is_empty_below = level == 0 || levels_[level - 1][static_cast<size_t>(number)] == 0;
+            levels_[level][word_of(number)] &= is_empty_below ? ~bit(number) : ~uint64_t{0};
+            --counts_[level][word_of(number)];
         }
     }
 
@@ -89,15 +87,15 @@ class bit_tree {
         return -1;
     }
 
-    // Members below `end`.
+    // Members below `end`, which may be 0 to size: those in the same word, and at each level those under the words of
+    // the same group before it.
     int32_t count_below(int32_t end) const {
-        int32_t count = 0;
-        const size_t whole_words = word_of(end);
-        for (size_t index = 0; index < whole_words; ++index) {
-            count += std::popcount(levels_[0][index]);
-        }
-        if ((end & 63) != 0) {
-            count += std::popcount(levels_[0][whole_words] & (bit(end) - 1));
+        int32_t count = (end & 63) == 0 ? 0 : std::popcount(levels_[0][word_of(end)] & (bit(end) - 1));
+        for (size_t level = 0; level < depth_; ++level) {
+            end >>= 6;
+            for (auto index = static_cast<size_t>(end & ~63); index < static_cast<size_t>(end); ++index) {
+                count += counts_[level][index];
+            }
         }
         return count;
     }
@@ -123,6 +121,7 @@ class bit_tree {
     int32_t size_ = 0;
     size_t depth_ = 0;
     std::array<std::vector<uint64_t>, 4> levels_;
+    std::array<std::vector<int32_t>, 4> counts_; // [level][word], members under it
 };
 
 } // namespace kr_soft::psort

@@ -42,7 +42,7 @@ constexpr int32_t least_piece_size = 8;
 constexpr int32_t pieces_per_distance = 6;
 constexpr int32_t exact_pieces = 64;         // after so many without a free slot
 constexpr int32_t growth_divisor = 4;        // pieces grow to this part of the way come so far
-constexpr int32_t max_pieces_per_side = 160; // more than that comes to for the largest table
+constexpr int32_t max_pieces_per_side = 160; // the last of them, if need be, is all that is left to the free slot
 
 constexpr float unreachable = std::numeric_limits<float>::infinity();
 
@@ -136,6 +136,9 @@ class reach {
                                                                   weight_ <= weight_at_free_ + weight_behind_free_));
     }
     int32_t single_limit() const {
+        if (is_last_before_free()) {
+            return any_size;
+        }
         return count_ < exact_pieces ? piece_size_ : std::max(piece_size_, slots_ / growth_divisor);
     }
     int32_t least_level() const {
@@ -155,6 +158,13 @@ class reach {
     }
 
   private:
+    static constexpr int32_t any_size = std::numeric_limits<int32_t>::max();
+
+    // Pieces go on to the nearest free slot in any case: without it there might be no plan.
+    bool is_last_before_free() const {
+        return !passed_free_ && count_ == max_pieces_per_side - 1;
+    }
+
     int32_t distance_; // between free slots, in the mean
     float weight_behind_free_;
     int32_t piece_size_;

@@ -1,9 +1,8 @@
 /*
  * Plans: which blocks the owner has to shift, in which order, before a new entry of a given priority has a free slot.
  * Planning looks at the shadow and changes nothing; whoever executes a plan issues its shifts in the order given, and
- * every prefix of them leaves a valid, ordered table. Nothing here calls the owner. This is
- * where an entry goes; how room is made at the least price is the business of plan_search for single adds and of pull
- * for adds in sequence.
+ * every prefix of them leaves a valid, ordered table. Nothing here calls the owner. This is where an entry goes; how
+ * room is made at the least price is the business of plan_search for single adds and of pull for adds in sequence.
  */
 #ifndef KR_SOFT_PSORT_PLANNER_H
 #define KR_SOFT_PSORT_PLANNER_H

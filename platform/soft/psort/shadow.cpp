@@ -92,12 +92,4 @@ void shadow::apply(const shift &move) {
     }
 }
 
-int32_t shadow::live_in(int32_t begin, int32_t end) const {
-    int32_t count = 0;
-    for (int32_t slot = live_.next(begin); slot < end; slot = live_.next(slot + 1)) {
-        ++count;
-    }
-    return count;
-}
-
 } // namespace kr_soft::psort

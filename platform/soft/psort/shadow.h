@@ -96,7 +96,6 @@ class shadow {
     void place(uint64_t key, uint32_t priority, int32_t slot); // the slot is free and keeps the order
     void remove(int32_t slot);                                 // the slot is live
     void apply(const shift &move);                             // the destination outside the source is free
-    int32_t live_in(int32_t begin, int32_t end) const;         // live slots in [begin, end)
 
   private:
     int32_t first_live_not_above(uint32_t priority, int32_t from) const;

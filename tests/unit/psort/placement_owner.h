@@ -38,16 +38,17 @@ class placement_owner {
     // ---- what the owner is told ----
 
     void added(const psort_entry &entry) {
-        if (entry.index >= slots_.size()) {
-            complain("entry placed behind the end of the table");
-            return;
+        if (put(entry)) {
+            check_order(entry.index, entry.index + 1);
         }
-        if (slots_[entry.index].live) {
-            complain("entry placed on a live one");
+    }
+
+    // Many since the last shift, looked at together.
+    void added(const std::vector<psort_entry> &entries) {
+        for (const psort_entry &entry : entries) {
+            put(entry);
         }
-        slots_[entry.index] = {entry.key, entry.priority, true};
-        where_[entry.key] = entry.index;
-        check_order(entry.index, entry.index + 1);
+        check_order(0, slots_.size());
     }
 
     void deleted(uint64_t key) {
@@ -140,6 +141,19 @@ class placement_owner {
         uint32_t priority = 0;
         bool live = false;
     };
+
+    bool put(const psort_entry &entry) {
+        if (entry.index >= slots_.size()) {
+            complain("entry placed behind the end of the table");
+            return false;
+        }
+        if (slots_[entry.index].live) {
+            complain("entry placed on a live one");
+        }
+        slots_[entry.index] = {entry.key, entry.priority, true};
+        where_[entry.key] = entry.index;
+        return true;
+    }
 
     static kr_utils_status on_notification(uint32_t type, psort_notification_data *data, void *context) {
         auto *const self = static_cast<placement_owner *>(context);

@@ -4,6 +4,7 @@
  */
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -225,6 +226,37 @@ TEST(psort_entry_set, a_failing_shift_fails_the_add_with_its_own_status_and_lose
     }
     EXPECT_GT(one.owner.failed_calls(), 0U);
     EXPECT_EQ(one.owner.count(), 16U);
+}
+
+// Single entries in turn with the smallest levels that are worth a hop, on either side of a place from which all free
+// slots are far away: no way to a free slot has more pieces.
+TEST(psort_entry_set, finds_a_free_slot_however_far_away_and_whatever_levels_are_on_the_way) {
+    constexpr uint32_t size = 65536;
+    constexpr uint32_t half = (size - 1400) / 2;
+    std::vector<uint32_t> levels; // their sizes, from the middle outwards
+    for (uint32_t passed = 0; passed < half; passed += levels.back()) {
+        const uint32_t hopped = levels.size() < 64 ? 2 : passed / 8;
+        levels.push_back(std::min(levels.size() % 2 == 0 ? 1 : hopped, half - passed));
+    }
+    table one(size);
+    const auto middle = static_cast<uint32_t>(65535 - levels.size()); // the first entry has the first slot
+    std::vector<psort_entry> entries;
+    const auto add_level = [&](uint32_t count, uint32_t priority) {
+        for (uint32_t added = 0; added < count; ++added) {
+            entries.push_back({entries.size() + 1, priority, 0});
+            ASSERT_EQ(psort_entry_set(one.handle, PSORT_CMD_ADD, &entries.back()), KR_UTILS_STATUS_SUCCESS);
+        }
+    };
+    for (auto index = static_cast<uint32_t>(levels.size()); index-- > 0;) {
+        add_level(levels[index], middle + 1 + index);
+    }
+    for (uint32_t index = 0; index < levels.size(); ++index) {
+        add_level(levels[index], middle - 1 - index);
+    }
+    one.owner.added(entries);
+    ASSERT_EQ(one.owner.shift_calls(), 0U) << "the free slots are to be at one end";
+    EXPECT_EQ(one.add(entries.size() + 1, middle), KR_UTILS_STATUS_SUCCESS);
+    EXPECT_EQ(one.owner.check_all(), "");
 }
 
 TEST(psort_thresholds, fire_once_each_time_they_are_crossed) {
