@@ -21,7 +21,6 @@ constexpr double least_variance = 0.4;
 constexpr double end_margin = 0.7; // the last free slots stay this part of a gap away from the ends of the table
 constexpr double most_margin = 0.45;
 constexpr double most_priority_part = 0.7; // of the guess where adds will come; the rest goes by the entries there are
-constexpr double most_by_chance = 2;       // times the square root of the entries: how far that guess may be off
 constexpr double spacing_horizon = 0.115;  // adds that a free slot waits for its use, as a part of the free slots
 
 // A plan that moves more than it should is sought again on terms that count later adds for less and reach less far, a
@@ -63,32 +62,15 @@ plan_search::plan_search(int32_t table_size) {
 // ---- pieces --------------------------------------------------------------------------------------------------------
 
 plan_search::balance::balance(const shadow &table)
-    : free_slots(table.free_count() - 1), live_entries(table.count() + 1),
-      margin(std::min(most_margin, end_margin / (free_slots + 1))), priority_part(0), highest(0), lowest(0) {
-    if (table.count() != 0) {
-        const double own_levels = static_cast<double>(table.level_count()) / table.count();
-        priority_part = most_priority_part * own_levels * own_levels;
-        highest = table.priority(table.next_live(0));
-        lowest = table.priority(table.prev_live(table.size() - 1));
-    }
-}
-
-// Where in the order of all entries, from 0 to 1, a priority is. The entries say so by their number; but where they
-// are spread evenly over the priorities, those say it better. Entries and priorities that are farther apart than chance
-// would have it are not.
-double plan_search::balance::rank_of(double live_before, double priority) const {
-    const double by_entries = live_before / live_entries;
-    const double by_priority = (highest - priority + 0.5) / (highest - lowest + 1);
-    const double difference = (by_priority - by_entries) * std::sqrt(live_entries) / most_by_chance;
-    return by_entries + priority_part * std::max(0.0, 1 - difference * difference) * (by_priority - by_entries);
-}
+    : free_slots(table.free_count() - 1), margin(std::min(most_margin, end_margin / (free_slots + 1))),
+      ranks(table, table.count() + 1, most_priority_part) {}
 
 // The free slots before a rank ought to be in proportion to the adds that will come before it, and those come with the
 // variance of a binomial distribution.
 void plan_search::weigh(const shadow &table, const balance &even, int32_t free_before, double live_before,
                         piece *each) {
     const double priority = (table.priority(each->begin) + 0.0 + table.priority(each->end - 1)) / 2;
-    const double rank = even.rank_of(live_before + each->size() / 2.0, priority);
+    const double rank = even.ranks.rank_of(live_before + each->size() / 2.0, priority);
     const double share = even.free_slots * std::clamp((rank - even.margin) / (1 - 2 * even.margin), 0.0, 1.0);
     each->surplus = static_cast<float>(free_before - share);
     each->deviation = static_cast<float>(std::sqrt(even.free_slots * rank * std::max(0.0, 1 - rank) + least_variance));

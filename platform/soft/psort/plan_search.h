@@ -18,6 +18,7 @@
 #include <memory>
 #include <vector>
 
+#include "psort/rank_guess.h"
 #include "psort/shadow.h"
 
 namespace kr_soft::psort {
@@ -105,14 +106,10 @@ class plan_search {
     // How free slots ought to be spread, for this table once the new entry is in.
     struct balance {
         explicit balance(const shadow &table);
-        double rank_of(double live_before, double priority) const;
 
         double free_slots;
-        double live_entries;
-        double margin;        // at the ends of the table, as a part of the entries
-        double priority_part; // of the guess where adds will come; the rest goes by the entries that are there
-        double highest;       // priority in the table
-        double lowest;
+        double margin; // at the ends of the table, as a part of the entries
+        rank_guess ranks;
     };
 
     static constexpr int32_t before_all = -1; // the "piece" that the first run starts with

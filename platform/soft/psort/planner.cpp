@@ -16,8 +16,9 @@ namespace {
 constexpr int32_t retreat_length = 8;
 constexpr int32_t retreat_moves = 20;
 
-constexpr double habit_memory = 1 / 64.0; // how much the latest add counts for the habits
-constexpr int32_t far_divisor = 16;       // adds this part of the table apart are scattered
+constexpr double habit_memory = 1 / 64.0;   // how much the latest add counts for the habits
+constexpr double evened_memory = 1 / 200.0; // how much it takes from what the background steps have done
+constexpr int32_t far_divisor = 16;         // adds this part of the table apart are scattered
 
 } // namespace
 
@@ -31,7 +32,7 @@ void planner::added(uint64_t key) {
     const bool is_far = std::abs(result_.slot - last_slot_) > table_size_ / far_divisor;
     habits_.scattered += habit_memory * ((is_far ? 1 : 0) - habits_.scattered);
     habits_.replacing += habit_memory * ((is_replacement_ ? 1 : 0) - habits_.replacing);
-    habits_.evened -= habit_memory * habits_.evened;
+    habits_.evened -= evened_memory * habits_.evened;
     last_slot_ = result_.slot;
     is_replacement_ = false;
 }

@@ -26,7 +26,8 @@ namespace {
 struct table_storage {
     explicit table_storage(const psort_table_attributes &attributes)
         : entries(static_cast<int32_t>(attributes.table_size)),
-          plans(static_cast<int32_t>(attributes.table_size), attributes.min_priority, attributes.max_priority) {}
+          plans(static_cast<int32_t>(attributes.table_size), attributes.min_priority, attributes.max_priority),
+          background(static_cast<int32_t>(attributes.table_size)) {}
 
     shadow entries;
     planner plans;
@@ -233,6 +234,9 @@ kr_utils_status background_step(psort_handle handle, uint32_t *finished) {
         }
         const auto delta_size =
             static_cast<int32_t>(std::min(owner.attributes.delta_size, owner.attributes.table_size));
+        if (!spreader::is_worthwhile(owner.storage->entries, delta_size)) {
+            return KR_UTILS_STATUS_SUCCESS;
+        }
         const shift step = owner.storage->background.plan_step(owner.storage->entries, delta_size);
         if (step.size == 0) {
             owner.storage->plans.evened();
