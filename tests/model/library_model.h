@@ -70,6 +70,9 @@ struct received {
     status result;
     bool would_block = false;
     hal_event_record record; // the caller's, with what was written
+    // Bytes that it is open what they are. The library's control frames share one record: behind a short one there is
+    // the end of a longer one.
+    size_t open_begin = sizeof(hal_event_record), open_end = sizeof(hal_event_record);
 };
 
 class library_model {

@@ -219,7 +219,7 @@ status library_model::select(std::span<const uint32_t> selected, uint32_t *ready
 
 // The library's own records come first. Of an event of the switch only its fields are written.
 received library_model::recv(uint32_t channel, const hal_event_record &before) {
-    received result{.result = SUCCESS, .would_block = false, .record = before};
+    received result{.result = SUCCESS, .record = before};
     if (!srvc_initialized_) {
         result.result = ERROR;
         return result;
@@ -240,8 +240,14 @@ received library_model::recv(uint32_t channel, const hal_event_record &before) {
     if (!state.pipe.empty()) {
         const std::optional<uint32_t> code = hw.fault_due("read");
         if (!code || *code == code_part) { // a short read takes the record with it
-            memcpy(static_cast<void *>(&result.record), &state.pipe.front(),
-                   code ? sizeof result.record / 2 : sizeof result.record);
+            const hal_event_record &first = state.pipe.front();
+            const size_t size = code ? sizeof first / 2 : sizeof first;
+            memcpy(static_cast<void *>(&result.record), &first, size);
+            if (first.type == EVENT_PACKET_MISS && first.reserved == 0) { // a control frame
+                const hal_event_packet &packet = first.payload.packet;
+                result.open_begin = std::min(offsetof(hal_event_record, payload.packet.data) + packet.length, size);
+                result.open_end = std::min(offsetof(hal_event_record, payload.packet.length), size);
+            }
             state.pipe.pop_front();
         }
         result.result = code ? ERROR : SUCCESS;

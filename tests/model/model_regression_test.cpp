@@ -161,6 +161,23 @@ TEST(model_regression, clients_can_neither_wait_nor_read) {
     expect_agreement_under("close", close_codes, EVENT_AGENT_UPDATE, {record, {.what = op::close}});
 }
 
+// What lies behind a control frame in its record is not told by a short read either.
+TEST(model_regression, control_frame_behind_a_longer_one_read_in_part) {
+    expect_agreement({
+        {.what = op::switch_port_add, .value = 0x10001},
+        {.what = op::switch_port_add, .value = 0x10005},
+        {.what = op::init},
+        {.what = op::open, .target = 1},
+        {.what = op::connector_start},
+        {.what = op::event_register, .target = 1, .value = EVENT_PACKET_MISS},
+        {.what = op::port_added, .port = {.log_port = 0x10001, .ifindex = 1}},
+        {.what = op::control_forward, .value = 479},
+        {.what = op::frame, .frame = {.log_port = 0x10005, .src = 3, .padding = 56}},
+        {.what = op::frame, .frame = {.log_port = 0x10001, .dst = 3, .padding = 11}},
+        {.what = op::recv, .target = 1, .fault = {.function = "read", .code = code_part}},
+    });
+}
+
 TEST(model_regression, there_is_no_pipe) {
     expect_agreement_under("pipe", pipe_codes, EVENT_AGENT_UPDATE, {{.what = op::open, .target = 2}});
     expect_agreement_under("pipe", pipe_codes, EVENT_AGENT_UPDATE, {{.what = op::open}}); // of an open channel
