@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <random>
 #include <vector>
 
 #include "placement_owner.h"
@@ -25,6 +26,9 @@ class table {
         attributes.almost_full_percent = full_percent;
         attributes.almost_empty_percent = empty_percent;
         open(attributes);
+    }
+    static table without_background_moves(uint32_t size) {
+        return table(size, no_moves{});
     }
 
     kr_utils_status add(uint64_t key, uint32_t priority, uint32_t *index = nullptr) {
@@ -54,6 +58,12 @@ class table {
     psort_handle handle = nullptr;
 
   private:
+    struct no_moves {};
+    table(uint32_t size, no_moves /*unused*/) : owner(size) {
+        psort_table_attributes attributes = owner.attributes();
+        attributes.delta_size = 0;
+        open(attributes);
+    }
     void open(const psort_table_attributes &attributes) {
         EXPECT_EQ(psort_init(&handle, &attributes), KR_UTILS_STATUS_SUCCESS);
     }
@@ -344,6 +354,25 @@ TEST(psort_clear_table, empties_it_without_a_notification_and_leaves_it_usable) 
     }
     EXPECT_EQ(psort_clear_table(one.handle), KR_UTILS_STATUS_SUCCESS) << "an empty table can be cleared";
     EXPECT_EQ(one.owner.check_all(), "");
+}
+
+// A step that may pull no free slot says that nothing is left to do; later adds must not take the slots to be even.
+TEST(psort_background, that_may_move_nothing_changes_nothing) {
+    constexpr uint32_t size = 200;
+    table looked_at = table::without_background_moves(size);
+    table left_alone = table::without_background_moves(size);
+    std::minstd_rand random(1);
+    for (uint64_t key = 1; key <= size; ++key) {
+        const auto priority = static_cast<uint32_t>(random() % 65536);
+        ASSERT_EQ(looked_at.add(key, priority), KR_UTILS_STATUS_SUCCESS);
+        ASSERT_EQ(left_alone.add(key, priority), KR_UTILS_STATUS_SUCCESS);
+        ASSERT_EQ(looked_at.owner.layout(), left_alone.owner.layout()) << "after " << key << " adds";
+        uint32_t finished = 0;
+        ASSERT_EQ(psort_background_worker(looked_at.handle, &finished), KR_UTILS_STATUS_SUCCESS);
+        ASSERT_EQ(finished, 1U);
+    }
+    EXPECT_EQ(looked_at.owner.rules_moved(), left_alone.owner.rules_moved());
+    EXPECT_GT(looked_at.owner.rules_moved(), 0U);
 }
 
 TEST(psort_notification, that_calls_back_is_refused) {
