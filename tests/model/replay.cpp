@@ -21,6 +21,13 @@
 
 extern "C" __attribute__((weak)) void __gcov_dump();
 
+// The thread sanitizer asks. The thread of control frames may have ended and never be joined, when a stop fails; and a
+// child has nothing to wait for at its end.
+extern "C" __attribute__((visibility("default"))) const char *__tsan_default_options();
+const char *__tsan_default_options() {
+    return "report_thread_leaks=0:atexit_sleep_ms=0";
+}
+
 namespace kr_model {
 namespace {
 

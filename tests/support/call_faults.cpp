@@ -158,7 +158,9 @@ struct hook {
     std::map<int, std::string> descriptors;
     uint32_t pipe_count = 0;
     uint32_t interface_count = 0;
-    std::set<const void *> memory_blocks, pools, locks, events, threads;
+    std::set<const void *> memory_blocks, threads;
+    std::multiset<const void *> pools, locks,
+        events; // one that is made anew before it is given back is lost, and counts
     std::map<const void *, uint32_t> libraries;
 
     std::map<uint32_t, uint64_t> places; // where pSort has put which key
@@ -269,6 +271,12 @@ template <typename Change> void with_hook(Change change) {
     hook &hook = the_hook();
     const std::lock_guard lock(hook.mutex);
     change(hook);
+}
+
+void erase_one(std::multiset<const void *> *items, const void *item) {
+    if (const auto found = items->find(item); found != items->end()) {
+        items->erase(found);
+    }
 }
 
 std::string name_of_lock(const void *lock) {
@@ -502,6 +510,7 @@ uint32_t plugin_called(const char *name, const std::string &arguments) {
 using kr_test::call;
 using kr_test::code_nothing;
 using kr_test::code_part;
+using kr_test::erase_one;
 using kr_test::name_of_descriptor;
 using kr_test::name_of_event;
 using kr_test::name_of_lock;
@@ -707,7 +716,7 @@ KR_WRAPPED(cl_status_t, cl_plock_init, cl_plock_t *lock) {
 
 KR_WRAPPED(void, cl_plock_destroy, cl_plock_t *lock) {
     const call here("cl_plock_destroy", name_of_lock(lock), false);
-    with_hook([&](auto &hook) { hook.locks.erase(lock); });
+    with_hook([&](auto &hook) { erase_one(&hook.locks, lock); });
     __real_cl_plock_destroy(lock);
 }
 
@@ -737,7 +746,7 @@ KR_WRAPPED(cl_status_t, cl_event_init, cl_event_t *event, uint32_t manual_reset)
 
 KR_WRAPPED(void, cl_event_destroy, cl_event_t *event) {
     const call here("cl_event_destroy", name_of_event(event), false);
-    with_hook([&](auto &hook) { hook.events.erase(event); });
+    with_hook([&](auto &hook) { erase_one(&hook.events, event); });
     __real_cl_event_destroy(event);
 }
 
@@ -814,7 +823,7 @@ KR_WRAPPED(cl_status_t, cl_qpool_init, cl_qpool_t *pool, size_t min_count, size_
 
 KR_WRAPPED(void, cl_qpool_destroy, cl_qpool_t *pool) {
     const call here("cl_qpool_destroy", "", false);
-    with_hook([&](auto &hook) { hook.pools.erase(pool); });
+    with_hook([&](auto &hook) { erase_one(&hook.pools, pool); });
     __real_cl_qpool_destroy(pool);
 }
 

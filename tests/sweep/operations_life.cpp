@@ -37,15 +37,16 @@ uint32_t capabilities_set(capabilities wanted) {
 
 void add_life_operations(std::vector<operation> &operations) {
     const char *const f = "kr_sdn_hal_init";
-    // What the loader does not close stays.
-    operations.push_back(
-        {.name = "init", .covers = f, .from = stage::loaded, .run = init, .leaves = {{"*", {"libraries"}}}});
+    // What the loader does not close stays. A table whose stop event cannot be had keeps its lock, which is then made
+    // anew.
+    const std::vector<remains> an_init = {{"*", {"libraries"}}, {"cl_event_init", {"locks"}}};
+    operations.push_back({.name = "init", .covers = f, .from = stage::loaded, .run = init, .leaves = an_init});
     operations.push_back(
         {.name = "init_without_a_callback",
          .covers = f,
          .from = stage::loaded,
          .run = [](world &world) { return world::client([&] { return kr_sdn_hal_init(&world.profile, nullptr); }); },
-         .leaves = {{"*", {"libraries"}}}});
+         .leaves = an_init});
     operations.push_back({"init_without_a_profile", f, stage::loaded,
                           [](world &) { return world::client([] { return kr_sdn_hal_init(nullptr, nullptr); }); }});
     const std::vector<remains> a_library = {{"*", {"libraries"}}};

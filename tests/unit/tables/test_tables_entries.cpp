@@ -90,6 +90,21 @@ TEST_F(tables_started, output_all_in_the_first_flow_is_refused_before_any_change
     EXPECT_EQ(rules().size(), 2U);
 }
 
+TEST_F(tables_started, more_flows_than_a_buffer_can_hold_are_memory_that_cannot_be_had) {
+    constexpr uint32_t most = 134'217'727; // 32 bytes each, and the buffer's size has 32 bits
+    flow_record flow = make_flow(1);
+    for (const uint32_t count : {most, most + 1, UINT32_MAX}) {
+        watch();
+        ASSERT_EQ(kr_soft_fault_set("cl_malloc", 0, 0, 0), KR_STATUS_SUCCESS);
+        EXPECT_EQ(tables_entry_set(TABLES_CMD_ADD, 0, &flow, count), KR_SDN_HAL_STATUS_ERROR);
+        kr_soft_fault_clear();
+        EXPECT_THAT(journal(),
+                    testing::ElementsAreArray(count == most ? std::vector<std::string>{"cl_malloc(4294967268) = NULL"}
+                                                            : std::vector<std::string>{}));
+        EXPECT_THAT(log.take(), ElementsAre(error("Failed to allocate memory for wrapped flows array ")));
+    }
+}
+
 TEST_F(tables_started, output_all_does_not_keep_a_flow_from_being_deleted) {
     ASSERT_EQ(add({make_flow(1)}), KR_SDN_HAL_STATUS_SUCCESS);
     EXPECT_EQ(remove({make_flow(1, 1, FLOW_ACTION_OUTPUT_ALL)}), KR_SDN_HAL_STATUS_SUCCESS);
