@@ -88,7 +88,7 @@ std::vector<step> with_clients(uint32_t event) {
 // Everybody reads, a record comes, a control frame, the switch stops and starts.
 void go_on(std::vector<step> *steps, uint32_t event) {
     const auto read = [&] {
-        for (const uint32_t channel : {0, 1, 0, 1, 0, 1}) {
+        for (const uint32_t channel : {0U, 1U, 0U, 1U, 0U, 1U}) {
             steps->push_back({.what = op::recv, .target = channel});
         }
     };
@@ -113,7 +113,7 @@ void go_on(std::vector<step> *steps, uint32_t event) {
 void expect_agreement_under(const char *function, const std::vector<uint32_t> &codes, uint32_t event,
                             const std::vector<step> &first) {
     for (const uint32_t code : codes) {
-        for (const uint32_t nth : {0, 1}) {
+        for (const uint32_t nth : {0U, 1U}) {
             std::vector<step> steps = with_clients(event);
             steps.insert(steps.end(), first.begin(), first.end());
             const op what = steps.back().what;
