@@ -179,9 +179,31 @@ bool connection::fill_sending() {
     if (!replies_.empty()) {
         std::swap(sending_, replies_);
     } else if (!packets_.empty()) {
-        std::swap(sending_, packets_);
+        take_piece();
     }
     return !sending_.empty();
+}
+
+// Some whole packet-ins: a reply that comes now goes in front of the others.
+void connection::take_piece() {
+    const of10::byte_view waiting = of10::byte_view(packets_).subspan(packets_taken_);
+    size_t size = 0;
+    while (size < waiting.size() && size < piece_size) {
+        size += of10::message_size(waiting.subspan(size));
+    }
+    if (packets_taken_ == 0 && size == packets_.size()) {
+        std::swap(sending_, packets_);
+        return;
+    }
+    sending_.assign(waiting.begin(), waiting.begin() + static_cast<ptrdiff_t>(size));
+    packets_taken_ += size;
+    if (packets_taken_ == packets_.size()) {
+        queue_reset(packets_);
+        packets_taken_ = 0;
+    } else if (packets_taken_ >= packet_limit / 2) {
+        packets_.erase(packets_.begin(), packets_.begin() + static_cast<ptrdiff_t>(packets_taken_));
+        packets_taken_ = 0;
+    }
 }
 
 void connection::send() {

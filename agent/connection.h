@@ -48,6 +48,7 @@ class connection {
   public:
     static constexpr size_t reply_limit = 256 * 1024;  // above: no further request is read
     static constexpr size_t packet_limit = 256 * 1024; // above: packet-ins are dropped
+    static constexpr size_t piece_size = 16 * 1024;    // of packet-ins that no reply can overtake
 
     /* `probe` : silence after which the peer is asked; after twice as long it counts as gone. 0: never. */
     connection(event_loop &loop, std::unique_ptr<stream> bytes, connection_handler &handler, nanoseconds probe);
@@ -62,7 +63,7 @@ class connection {
     }
     /* The queue of packet-ins, or null, and the drop is counted. */
     of10::bytes *packets() {
-        if (packets_.size() >= packet_limit || is_closed_) {
+        if (packets_.size() - packets_taken_ >= packet_limit || is_closed_) {
             counts_.packets_dropped++;
             return nullptr;
         }
@@ -86,7 +87,7 @@ class connection {
     template <typename Visit> void visit_unsent(Visit visit) const {
         visit_messages(sending_, sent_, visit);
         visit_messages(replies_, 0, visit);
-        visit_messages(packets_, 0, visit);
+        visit_messages(packets_, packets_taken_, visit);
     }
 
   private:
@@ -111,6 +112,7 @@ class connection {
         return replies_.size() + (sending_.size() - sent_) >= reply_limit;
     }
     bool fill_sending();
+    void take_piece();
     void update_interest();
     void check_silence();
 
@@ -139,6 +141,7 @@ class connection {
     of10::bytes sending_; // what is on its way
     size_t sent_ = 0;
     of10::bytes replies_, packets_;
+    size_t packets_taken_ = 0; // bytes at the start of packets_ that are on their way or sent
     connection_counts counts_;
 };
 

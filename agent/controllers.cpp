@@ -23,7 +23,7 @@ constexpr nanoseconds last_retry = 8 * second_ns;
 constexpr nanoseconds connect_patience = 10 * second_ns;
 constexpr size_t max_sessions = 64;
 constexpr int backlog = 16;
-constexpr int unsent_limit = 128 * 1024; // bytes in the kernel that no reply can overtake
+constexpr int unsent_limit = 32 * 1024; // bytes in the kernel that no reply can overtake
 
 void socket_tune(int fd, const endpoint &where) {
     if (where.kind != endpoint::transport::unix_socket) {
@@ -32,6 +32,8 @@ void socket_tune(int fd, const endpoint &where) {
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         setsockopt(fd, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &unsent_limit, sizeof unsent_limit);
         setsockopt(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &dead_after_ms, sizeof dead_after_ms);
+    } else {
+        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &unsent_limit, sizeof unsent_limit); // the kernel takes it twice
     }
 }
 

@@ -53,10 +53,16 @@ class WithSwitch(unittest.TestCase):
         self.addCleanup(lambda: self.assertEqual(self.switch.stop(), 0))
         return self.switch
 
-    def counters(self):
-        told = subprocess.run([f"{BUILD}/agent/ctl/krsdnctl", "--socket", self.switch.ctl, "--json", "counters"],
+    def ask(self, command):
+        told = subprocess.run([f"{BUILD}/agent/ctl/krsdnctl", "--socket", self.switch.ctl, "--json", command],
                               stdout=subprocess.PIPE, check=True)
-        return {one["name"]: one["count"] for one in json.loads(told.stdout)}
+        return json.loads(told.stdout)
+
+    def counters(self):
+        return {one["name"]: one["count"] for one in self.ask("counters")}
+
+    def messages_received(self):
+        return sum(one["messages_received"] for one in self.ask("show")["controllers"])
 
 
 class Sockets(WithSwitch):
@@ -469,11 +475,24 @@ class BackPressure(WithSwitch):
         self.assertLess(memory(self.switch.process.pid), before + 2048 * SLACK)
         dropped = self.counters()["packet-ins dropped: a controller did not read"]
         self.assertGreater(dropped, 1000)
-        stuck.close()
+        # Few of those that wait are in front of an answer.
+        heard = self.messages_received()
+        stuck.send(of.message(of.BARRIER_REQUEST, xid=1))
+        while self.messages_received() == heard:
+            pass
+        passed = 0
+        while (got := stuck.receive())[0] == of.PACKET_IN:
+            passed += 1
+        self.assertEqual(got[0], of.BARRIER_REPLY)
+        self.assertLess(passed * len(FRAME), 128 * 1024)
+        for _ in range(200):  # and it does not read again
+            self.switch.cables[1].send(FRAME)
+            reading.packet_in()
         deadline = time.monotonic() + 20
+        stuck.close()
         while (lost := self.counters()["packet-ins lost with a controller's connection"]) == 0:
             self.assertLess(time.monotonic(), deadline)
-        self.assertLess(dropped + lost, 3000)  # the kernel had some
+        self.assertGreater(lost, 10)
 
     def test_who_does_not_read_what_must_be_told_is_left(self):
         self.run_switch("--probe-interval", "0")
@@ -534,7 +553,10 @@ class Hostile(WithSwitch):
         while open_ones:
             self.assertLess(time.monotonic(), deadline, open_ones)
             for one in select.select(list(open_ones), [], [], 0.5)[0]:
-                self.assertEqual(one.recv(64), b"")
+                try:
+                    self.assertEqual(one.recv(64), b"")
+                except ConnectionResetError:
+                    pass  # the last of what it said was not read any more
                 open_ones.discard(one)
             if trickling.socket in open_ones:
                 try:
