@@ -123,7 +123,7 @@ kr_sdn_hal_status ensure_sdk_fd(srvc_handle *handle) {
     return KR_SDN_HAL_STATUS_SUCCESS;
 }
 
-// The flag first: the channel may be registered still, from before, and whoever finds its pipe cleared finds it closed.
+// The flag first: the channel may be registered still, from before, and a producer may be looking at it.
 void channel_clear(srvc_handle *handle) {
     kr::relaxed_store(handle->is_open, uint32_t{0});
     kr::relaxed_store(handle->sdk_fd_open, uint32_t{0});
@@ -131,6 +131,14 @@ void channel_clear(srvc_handle *handle) {
     for (int &fd : handle->hal_pipe) {
         kr::release_store(fd, 0);
     }
+}
+
+// Where records for a channel go, or no_descriptor while it takes none. No lock keeps a client from opening a
+// registered channel anew in the meantime, so the number counts only if it is the same on both sides of the flag: a
+// cleared handle's 0 must not be taken for the pipe of the channel that is opened next.
+int write_end_of(const srvc_handle &handle) {
+    const int seen = kr::acquire_load(handle.hal_pipe[1]);
+    return is_set(handle.is_open) && kr::acquire_load(handle.hal_pipe[1]) == seen ? seen : no_descriptor;
 }
 
 // A producer that waits for room in a full pipe holds the registry's lock. What it needs is room for the one record:
@@ -411,10 +419,13 @@ kr_sdn_hal_status kr_sdn_hal_srvc_open(srvc_handle *handle) noexcept {
     if (status != KR_SDN_HAL_STATUS_SUCCESS) {
         return status;
     }
-    if (pipe(handle->hal_pipe) != 0) {
+    int ends[2];
+    if (pipe(ends) != 0) {
         HAL_ERROR("Failed creating the HAL FD");
         return KR_SDN_HAL_STATUS_ERROR;
     }
+    kr::release_store(handle->hal_pipe[0], ends[0]);
+    kr::release_store(handle->hal_pipe[1], ends[1]);
     kr::release_store(handle->is_open, uint32_t{1});
     HAL_DEBUG("HAL events - open finished successfully");
     return KR_SDN_HAL_STATUS_SUCCESS;
@@ -438,7 +449,7 @@ kr_sdn_hal_status kr_sdn_hal_srvc_close(srvc_handle *handle) noexcept {
     registry_remove_all(handle); // producers are through with the pipe once this has returned
     for (int &fd : handle->hal_pipe) {
         close(fd);
-        fd = no_descriptor; // the number may soon be another file's
+        kr::release_store(fd, no_descriptor); // the number may soon be another file's
     }
     HAL_DEBUG("HAL events - close finished successfully");
     return KR_SDN_HAL_STATUS_SUCCESS;
@@ -510,12 +521,8 @@ kr_sdn_hal_status kr_sdn_hal_srvc_process_event(const hal_event_record *record) 
     }
     const plock_shared guard(events_db.lock);
     for (const srvc_handle *handle : events_db.handles[record->type]) {
-        if (handle == nullptr) {
-            continue;
-        }
-        // A channel that is being closed, or opened anew, takes nothing more: its flag is looked at last.
-        const int write_end = kr::acquire_load(handle->hal_pipe[1]);
-        if (is_set(handle->is_open) && !write_record(write_end, *record)) {
+        const int write_end = handle == nullptr ? no_descriptor : write_end_of(*handle);
+        if (write_end != no_descriptor && !write_record(write_end, *record)) {
             return KR_SDN_HAL_STATUS_ERROR;
         }
     }

@@ -4,10 +4,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <thread>
+#include <vector>
 
 #include "channel_fixture.h"
 #include "tests/support/threads.h"
@@ -338,6 +340,49 @@ TEST_F(events_close_test, and_open_again_gives_a_working_channel) {
     const hal_event_record record = pattern_record(9);
     EXPECT_EQ(kr_sdn_hal_srvc_process_event(&record), SUCCESS);
     EXPECT_TRUE(equal(take_from_pipe(&channel), record));
+}
+
+// A client may open a registered channel again while records arrive. What a producer then finds is the old pipe, the
+// new one, or none, and never the 0 of the cleared handle.
+TEST_F(events_open_test, of_a_registered_channel_never_sends_a_record_to_descriptor_0) {
+    bring_up(stage::initialized);
+    register_for(&channel, 9);
+    int trap[2];
+    ASSERT_EQ(pipe2(trap, O_NONBLOCK), 0);
+    const int usual_input = dup(STDIN_FILENO);
+    ASSERT_EQ(dup2(trap[1], STDIN_FILENO), STDIN_FILENO);
+    std::atomic<bool> done{false};
+    std::thread producer([&] {
+        const hal_event_record record = pattern_record(9);
+        while (!done) {
+            (void)kr_sdn_hal_srvc_process_event(&record); // it fails where the pipe is full
+        }
+    });
+    const auto make_room = [this] { // for a producer that waited before its end stopped waiting
+        hal_event_record arrived;
+        return read(channel.hal_pipe[0], &arrived, sizeof arrived) > 0;
+    };
+    const auto stop_waiting = [this] {
+        for (const int end : channel.hal_pipe) {
+            EXPECT_EQ(fcntl(end, F_SETFL, O_NONBLOCK), 0);
+        }
+    };
+    std::vector<int> left_behind; // opening closes nothing
+    for (int round = 0; round < 200; ++round) {
+        left_behind.insert(left_behind.end(), {channel.hal_pipe[0], channel.hal_pipe[1]});
+        stop_waiting();
+        make_room();
+        ASSERT_EQ(kr_sdn_hal_srvc_open(&channel), SUCCESS);
+    }
+    done = true;
+    stop_waiting();
+    make_room();
+    producer.join();
+    uint8_t byte = 0;
+    EXPECT_EQ(read(trap[0], &byte, sizeof byte), -1) << "a record was sent to descriptor 0";
+    ASSERT_EQ(dup2(usual_input, STDIN_FILENO), STDIN_FILENO);
+    left_behind.insert(left_behind.end(), {trap[0], trap[1], usual_input});
+    std::for_each(left_behind.begin(), left_behind.end(), close);
 }
 
 } // namespace
