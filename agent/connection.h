@@ -48,7 +48,7 @@ class connection {
   public:
     static constexpr size_t reply_limit = 256 * 1024;  // above: no further request is read
     static constexpr size_t packet_limit = 256 * 1024; // above: packet-ins are dropped
-    static constexpr size_t piece_size = 16 * 1024;    // of packet-ins that no reply can overtake
+    static constexpr size_t piece_size = 64 * 1024;    // of packet-ins that no reply can overtake
 
     /* `probe` : silence after which the peer is asked; after twice as long it counts as gone. 0: never. */
     connection(event_loop &loop, std::unique_ptr<stream> bytes, connection_handler &handler, nanoseconds probe);

@@ -23,7 +23,7 @@ constexpr nanoseconds last_retry = 8 * second_ns;
 constexpr nanoseconds connect_patience = 10 * second_ns;
 constexpr size_t max_sessions = 64;
 constexpr int backlog = 16;
-constexpr int unsent_limit = 32 * 1024; // bytes in the kernel that no reply can overtake
+constexpr int unsent_limit = 64 * 1024; // bytes in the kernel that no reply can overtake
 
 void socket_tune(int fd, const endpoint &where) {
     if (where.kind != endpoint::transport::unix_socket) {

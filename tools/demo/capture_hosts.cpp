@@ -230,7 +230,7 @@ interface_counters capture_host::counters() {
 }
 
 // The other host answers the requests that reach it as they were sent.
-int capture_host::ping(host &to, int count) {
+int capture_host::ping(host &to, int count, int /*patience_s*/) {
     auto &other = dynamic_cast<capture_host &>(to);
     (void)receive();
     (void)other.receive();

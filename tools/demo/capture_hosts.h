@@ -47,7 +47,7 @@ class capture_host final : public host {
     capture_host(int number, capture_network &network) : host(number), network_(network) {}
 
     interface_counters counters() override;
-    int ping(host &to, int count) override;
+    int ping(host &to, int count, int patience_s) override;
     std::string transfer(host &to) override;
     void link_set(bool up) override;
 

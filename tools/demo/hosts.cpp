@@ -121,10 +121,12 @@ interface_counters namespace_host::counters() {
     return {values[0], values[1], values[2], values[3]};
 }
 
-// 10 ms apart, each with a second for its answer.
-int namespace_host::ping(host &to, int count) {
+// 10 ms apart.
+int namespace_host::ping(host &to, int count, int patience_s) {
     std::string text;
-    (void)run("ping -n -q -c " + std::to_string(count) + " -i 0.01 -W 1 " + to.address() + " 2>&1", &text);
+    (void)run("ping -n -q -c " + std::to_string(count) + " -i 0.01 -W " + std::to_string(patience_s) + " " +
+                  to.address() + " 2>&1",
+              &text);
     const auto at = text.find(" received");
     if (at == std::string::npos) {
         throw failure("ping did not run: " + text.substr(0, text.find('\n')));

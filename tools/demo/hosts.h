@@ -40,8 +40,8 @@ class host {
 
     // What the host itself counted on its interface.
     virtual interface_counters counters() = 0;
-    // Sends `count` echo requests; returns how many were answered.
-    virtual int ping(host &to, int count) = 0;
+    // Sends `count` echo requests, and waits for the last answers so long; returns how many were answered.
+    virtual int ping(host &to, int count, int patience_s) = 0;
     // Sends much random data over TCP; throws unless what arrives is what was sent. Returns how it went, for a person.
     virtual std::string transfer(host &to) = 0;
     virtual void link_set(bool up) = 0;
@@ -57,7 +57,7 @@ class namespace_host final : public host {
     using host::host;
 
     interface_counters counters() override;
-    int ping(host &to, int count) override;
+    int ping(host &to, int count, int patience_s) override;
     std::string transfer(host &to) override;
     void link_set(bool up) override;
 

@@ -484,7 +484,7 @@ class BackPressure(WithSwitch):
         while (got := stuck.receive())[0] == of.PACKET_IN:
             passed += 1
         self.assertEqual(got[0], of.BARRIER_REPLY)
-        self.assertLess(passed * len(FRAME), 128 * 1024)
+        self.assertLess(passed * len(FRAME), 256 * 1024)
         for _ in range(200):  # and it does not read again
             self.switch.cables[1].send(FRAME)
             reading.packet_in()
