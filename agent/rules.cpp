@@ -500,10 +500,12 @@ void rules::drop_ingress_drop(uint16_t port) {
 }
 
 void rules::forget_all() {
+    // Gone with the switch or not: once only, for new groups will have these ids.
     for (const auto &[ports, one] : groups_) {
-        group_delete(one.id);
+        (void)driver_.group_delete(one.id);
     }
     groups_.clear();
+    stray_groups_.clear();
     drops_.clear();
     strays_.clear();
     installed_ = 0;

@@ -305,6 +305,20 @@ TEST(flow_mods, a_group_that_stays_is_tried_again) {
     b.audit();
 }
 
+// The switch gives the ids of its earlier groups to new ones.
+TEST(flow_mods, groups_of_before_the_switch_was_started_anew_are_not_tried_again) {
+    bench b;
+    ASSERT_TRUE(b.add(1, 1, {action_output{2, 0}, action_output{3, 0}}));
+    b.hardware.has_stuck_groups = true;
+    EXPECT_FALSE(b.apply(bench::make(flow_mod_command::del, {}, 0, {})));
+    ASSERT_EQ(b.programmed.stray_groups().size(), 1u);
+    ASSERT_TRUE(b.add(2, 1, {action_output{1, 0}, action_output{2, 0}}));
+    b.hardware.rules.clear(); // as the new start does
+    b.mods.forget_all(0);
+    EXPECT_EQ(b.programmed.stray_count(), 0u);
+    EXPECT_FALSE(b.mods.repair());
+}
+
 TEST(flow_mods, a_modify_of_many_that_fails_in_the_middle_changes_none) {
     bench b;
     for (uint16_t i = 0; i < 5; i++) {
